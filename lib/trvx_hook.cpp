@@ -1,0 +1,605 @@
+// The interposed allocation functions and the exported control functions.
+//
+// Every allocation call runs three steps: resolve its next definition,
+// bootstrap the context, and choose between the tracked path and a plain
+// pass-through. The call stack of a tracked call is captured in the body of
+// the interposed function itself, so that frame 0 lies in the capture and
+// frame 1 in the interposed function, as the reports expect.
+#include <dlfcn.h>
+#include <errno.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <sched.h>
+#include <stdint.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <new>
+
+#include "trvx_next.h"
+#include "trvx_stat.h"
+#include "trvx_untracked.h"
+#include "trvx_util.h"
+
+using tarvex::block_info;
+using tarvex::k_footer_size;
+using tarvex::mem_stats;
+using tarvex::proc_info;
+using tarvex::untracked_blocks;
+
+// Bootstrap state: 0 none, 1 constructing the context, 2 ready.
+unsigned int g_init_state;
+bool g_calloc_resolving;
+
+namespace {
+
+// Set when building the context failed: the state then stays 1 for good and
+// every call passes straight through.
+bool g_init_failed;
+
+// ---------------------------------------------------------------- resolution
+
+struct resolving_flags {
+    bool malloc_, valloc_, realloc_, free_, memalign_, aligned_alloc_, posix_memalign_, pvalloc_, usable_size_;
+} g_resolving;
+
+// Resolves one next definition. A call that arrives while the same function
+// is being resolved (dlsym allocating, or another thread) uses the C
+// library's own entry point meanwhile (see trvx_next.cpp); when dlsym finds
+// no next definition at all, those entry points stay in use for good.
+template <class F>
+inline void resolve(F& slot, bool& resolving, const char* name) {
+    if (__builtin_expect(__atomic_load_n(&slot, __ATOMIC_ACQUIRE) != nullptr, 1)) return;
+    if (__atomic_exchange_n(&resolving, true, __ATOMIC_ACQ_REL)) return;
+    void* p = dlsym(RTLD_NEXT, name);
+    if (p != nullptr) __atomic_store_n(&slot, reinterpret_cast<F>(p), __ATOMIC_RELEASE);
+}
+
+// calloc while dlsym resolves calloc: served from the program break, never
+// given back. Zeroed and 16-byte aligned like any calloc block; a failing
+// sbrk gives null with ENOMEM, never (void*)-1.
+void* calloc_from_break(size_t count, size_t size) {
+    size_t n;
+    if (__builtin_mul_overflow(count, size, &n) || n > SIZE_MAX - 16) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    uintptr_t brk_now = reinterpret_cast<uintptr_t>(sbrk(0));
+    size_t pad = (16 - (brk_now & 15)) & 15;
+    void* p = sbrk(static_cast<intptr_t>(pad + n));
+    if (p == reinterpret_cast<void*>(-1)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    char* block = static_cast<char*>(p) + pad;
+    memset(block, 0, n);
+    tarvex::record_break_range(block, n ? n : 1);
+    return block;
+}
+
+// ---------------------------------------------------------------- bootstrap
+
+void before_fork();
+void after_fork_parent();
+void after_fork_child();
+
+// Exactly one thread wins the compare-and-swap from 0 to 1 and builds the
+// context; every other call passes through while the state is 1. The
+// context's pointer is published before the state, with release ordering,
+// so that a thread that reads the state 2 (acquire) always finds g_ctx set.
+void bootstrap() {
+    unsigned int expected = 0;
+    if (!__atomic_compare_exchange_n(&g_init_state, &expected, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+        return;
+    void* mem = tarvex::next_malloc(sizeof(tarvex::context));
+    if (mem == nullptr) {
+        __atomic_store_n(&g_init_failed, true, __ATOMIC_RELEASE);
+        return;
+    }
+    tarvex::context* ctx;
+    try {
+        ctx = new (mem) tarvex::context();
+    } catch (...) {
+        tarvex::next_free(mem);
+        __atomic_store_n(&g_init_failed, true, __ATOMIC_RELEASE);
+        return;
+    }
+    pthread_atfork(before_fork, after_fork_parent, after_fork_child);
+    __atomic_store_n(&g_ctx, ctx, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_init_state, 2, __ATOMIC_RELEASE);
+}
+
+inline bool frame_ready() {
+    unsigned int state = __atomic_load_n(&g_init_state, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(state == 2, 1)) return true;
+    if (state == 0) bootstrap();
+    return __atomic_load_n(&g_init_state, __ATOMIC_ACQUIRE) == 2;
+}
+
+// A block that another thread got while the context was being built is
+// valid but untracked; it is recorded so that its release is quiet.
+inline void* while_building(void* p) {
+    if (p != nullptr && !__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) && proc_info::is_target_proc())
+        untracked_blocks().insert(p);
+    return p;
+}
+
+inline void* untracked(void* p) {
+    untracked_blocks().insert(p);
+    return p;
+}
+
+inline tarvex::thread_map& guard() { return g_ctx->m_thread_map; }
+inline mem_stats& stats() { return *g_ctx->m_stats; }
+
+// ---------------------------------------------------------------- fork
+
+// The library's mutexes are held across fork in their lock order and
+// released in both processes afterwards, so the child never inherits a mutex
+// held by a thread that does not exist there.
+void before_fork() {
+    if (g_ctx == nullptr) return;
+    g_ctx->m_stats->lock_for_fork();
+    g_ctx->m_symbols.lock_for_fork();
+    g_ctx->m_thread_map.lock_for_fork();
+    untracked_blocks().lock();
+}
+
+void after_fork_parent() {
+    if (g_ctx == nullptr) return;
+    untracked_blocks().unlock();
+    g_ctx->m_thread_map.unlock_after_fork();
+    g_ctx->m_symbols.unlock_after_fork();
+    g_ctx->m_stats->unlock_after_fork(false);
+}
+
+void after_fork_child() {
+    if (g_ctx == nullptr) return;
+    untracked_blocks().unlock();
+    g_ctx->m_thread_map.reset_in_child();
+    g_ctx->m_thread_map.unlock_after_fork();
+    g_ctx->m_symbols.unlock_after_fork();
+    g_ctx->m_stats->unlock_after_fork(true);
+}
+
+// ---------------------------------------------------------------- tracked allocation
+
+enum class source { malloc_, valloc_, calloc_, memalign_ };
+
+void* obtain(source from, size_t align, size_t total) {
+    switch (from) {
+        case source::valloc_:
+            return g_next_valloc ? g_next_valloc(total) : tarvex::next_memalign(sysconf(_SC_PAGESIZE), total);
+        case source::calloc_:
+            return tarvex::next_calloc(1, total);
+        case source::memalign_:
+            return tarvex::next_memalign(align, total);
+        case source::malloc_:
+        default:
+            return tarvex::next_malloc(total);
+    }
+}
+
+// Footer, stack cache and registry. False when the library could not get
+// memory for its bookkeeping; nothing stays registered then.
+bool register_block(tarvex::backtrace& bt, block_info& bi) {
+    tarvex::block_info_footer* footer = bi.create_footer();
+    try {
+        g_ctx->m_symbols.update_bt_cache(bt);
+    } catch (...) {
+        return false;
+    }
+    block_info::update_block_info_footer(bt, footer);
+    try {
+        stats().insert_block_info(bi);
+    } catch (...) {
+        return false;
+    }
+    return true;
+}
+
+// A fresh block of size user bytes behind which the footer lies. A size that
+// cannot take the footer fails without calling the next allocator.
+void* allocate_tracked(tarvex::backtrace& bt, source from, size_t align, size_t size) {
+    int saved_errno = errno;
+    if (size > SIZE_MAX - k_footer_size) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    void* p = obtain(from, align, size + k_footer_size);
+    if (p == nullptr) return nullptr;
+    if (from != source::calloc_) memset(p, 0xDE, size);
+    block_info bi;
+    bi.m_addr = p;
+    bi.m_size = size;
+    bi.m_alloc_size = size + k_footer_size;
+    bi.m_alloc_uid = bt.get_cookie();
+    if (!register_block(bt, bi)) {
+        tarvex::next_free(p);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    errno = saved_errno;
+    return p;
+}
+
+// ---------------------------------------------------------------- faults
+
+struct fault_site {
+    unsigned unknown_line;
+    unsigned footer_line;
+    const char* function;
+};
+const fault_site k_free_site = {113, 125, "void free(void*)"};
+const fault_site k_realloc_site = {230, 245, "void* realloc(void*, size_t)"};
+
+// One fault report at a time: a second thread that meets a fault waits here
+// until the first one has stopped the process, so reports never interleave.
+pthread_mutex_t g_fault_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+void print_block_report(const char* heading, block_info& bi) {
+    std::vector<std::string> lines;
+    try {
+        bi.format_block_info(lines);
+    } catch (...) {
+    }
+    puts(heading);
+    for (const std::string& line : lines) puts(line.c_str());
+}
+
+[[noreturn]] void stop_unknown(void* ptr, const fault_site& site) {
+    pthread_mutex_lock(&g_fault_mutex);
+    printf("Failed to find block info for 0x%p\n", ptr);
+    block_info bi;
+    if (stats().find_in_freed_list(ptr, bi)) print_block_report("*** Double free ***", bi);
+    tarvex::fail_assert("0", "lib/trvx_hook", site.unknown_line, site.function);
+}
+
+[[noreturn]] void stop_bad_footer(block_info& bi, const fault_site& site) {
+    pthread_mutex_lock(&g_fault_mutex);
+    print_block_report("*** Failed to verify the footer ***", bi);
+    tarvex::fail_assert("0", "lib/trvx_hook", site.footer_line, site.function);
+}
+
+// ---------------------------------------------------------------- tracked release
+
+void give_back_due_blocks() {
+    while (void* p = stats().get_next_to_free()) tarvex::next_free(p);
+}
+
+// Verify, poison, quarantine and give back. If the quarantine cannot get
+// memory for the record, the block is given back at once rather than lost.
+void release_known(tarvex::backtrace& bt, block_info& bi, const fault_site& site) {
+    try {
+        g_ctx->m_symbols.update_bt_cache(bt);
+    } catch (...) {
+    }
+    bi.m_free_uid = bt.get_cookie();
+    if (!bi.verify_footer()) stop_bad_footer(bi, site);
+    block_info::update_block_info_footer(bt, bi.footer());
+    memset(bi.m_addr, 0xDD, bi.m_size);
+    try {
+        stats().delayed_free(bi);
+    } catch (...) {
+        tarvex::next_free(bi.m_addr);
+        return;
+    }
+    give_back_due_blocks();
+}
+
+void free_tracked(tarvex::backtrace& bt, void* ptr) {
+    int saved_errno = errno;
+    block_info bi;
+    if (stats().find_and_remove_block_info(ptr, bi)) {
+        release_known(bt, bi, k_free_site);
+    } else if (untracked_blocks().erase(ptr)) {
+        tarvex::next_free(ptr);
+    } else {
+        stop_unknown(ptr, k_free_site);
+    }
+    errno = saved_errno;
+}
+
+// realloc always moves: the new block is registered before the old one is
+// looked up, and one stack serves as the new block's alloc uid and the old
+// block's free uid.
+void* realloc_tracked(tarvex::backtrace& bt, void* ptr, size_t size) {
+    int saved_errno = errno;
+    void* fresh = nullptr;
+    if (size != 0) {
+        fresh = allocate_tracked(bt, source::malloc_, 0, size);
+        if (fresh == nullptr) return nullptr;
+    }
+    if (ptr != nullptr) {
+        block_info old;
+        if (stats().find_and_remove_block_info(ptr, old)) {
+            if (fresh != nullptr) memcpy(fresh, ptr, old.m_size < size ? old.m_size : size);
+            release_known(bt, old, k_realloc_site);
+        } else if (untracked_blocks().contains(ptr)) {
+            size_t usable = tarvex::next_usable_size(ptr);
+            if (fresh != nullptr) memcpy(fresh, ptr, usable < size ? usable : size);
+            untracked_blocks().erase(ptr);
+            tarvex::next_free(ptr);
+        } else {
+            stop_unknown(ptr, k_realloc_site);
+        }
+    }
+    errno = saved_errno;
+    return fresh;
+}
+
+bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
+
+}  // namespace
+
+// ---------------------------------------------------------------- interposed functions
+
+#define TRVX_EXPORT_C extern "C" __attribute__((visibility("default")))
+
+TRVX_EXPORT_C void* malloc(size_t size) {
+    resolve(g_next_malloc, g_resolving.malloc_, "malloc");
+    if (!frame_ready()) return while_building(tarvex::next_malloc(size));
+    if (size == 0) return proc_info::is_target_proc() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
+    if (!proc_info::is_target_proc()) return tarvex::next_malloc(size);
+    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_malloc(size));
+    tarvex::backtrace bt;
+    void* p = allocate_tracked(bt, source::malloc_, 0, size);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C void* valloc(size_t size) {
+    resolve(g_next_valloc, g_resolving.valloc_, "valloc");
+    if (!frame_ready() || g_next_valloc == nullptr) {
+        void* p = tarvex::next_memalign(sysconf(_SC_PAGESIZE), size);
+        return frame_ready() ? (proc_info::is_target_proc() ? untracked(p) : p) : while_building(p);
+    }
+    if (size == 0) return proc_info::is_target_proc() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
+    if (!proc_info::is_target_proc()) return g_next_valloc(size);
+    if (!guard().check_and_set_current_thread()) return untracked(g_next_valloc(size));
+    tarvex::backtrace bt;
+    void* p = allocate_tracked(bt, source::valloc_, 0, size);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
+    if (__atomic_load_n(&g_next_calloc, __ATOMIC_ACQUIRE) == nullptr) {
+        if (__atomic_exchange_n(&g_calloc_resolving, true, __ATOMIC_ACQ_REL)) return calloc_from_break(count, size);
+        void* p = dlsym(RTLD_NEXT, "calloc");
+        if (p == nullptr) return calloc_from_break(count, size);
+        __atomic_store_n(&g_next_calloc, reinterpret_cast<trvx_calloc_fn>(p), __ATOMIC_RELEASE);
+    }
+    if (!frame_ready()) return while_building(g_next_calloc(count, size));
+    if (size == 0 || count == 0)
+        return proc_info::is_target_proc() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
+    if (!proc_info::is_target_proc()) return g_next_calloc(count, size);
+    if (!guard().check_and_set_current_thread()) return untracked(g_next_calloc(count, size));
+    tarvex::backtrace bt;
+    size_t n;
+    void* p;
+    if (__builtin_mul_overflow(count, size, &n)) {
+        errno = ENOMEM;
+        p = nullptr;
+    } else {
+        p = allocate_tracked(bt, source::calloc_, 0, n);
+    }
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C void free(void* ptr) {
+    resolve(g_next_free, g_resolving.free_, "free");
+    if (ptr == nullptr) return tarvex::next_free(ptr);
+    if (tarvex::in_break_range(ptr, nullptr)) return;  // from the program break: never given back
+    if (!frame_ready()) {
+        untracked_blocks().erase(ptr);
+        return tarvex::next_free(ptr);
+    }
+    if (!proc_info::is_target_proc()) return tarvex::next_free(ptr);
+    if (!guard().check_and_set_current_thread()) {
+        untracked_blocks().erase(ptr);
+        return tarvex::next_free(ptr);
+    }
+    tarvex::backtrace bt;
+    free_tracked(bt, ptr);
+    guard().remove_current_thread();
+}
+
+namespace {
+// realloc of memory from the program break: moved onto the heap, never
+// given back.
+void* realloc_from_break(void* ptr, size_t size, size_t available) {
+    if (size == 0) return nullptr;
+    void* fresh = malloc(size);
+    if (fresh != nullptr) memcpy(fresh, ptr, available < size ? available : size);
+    return fresh;
+}
+
+// Pass-through realloc of the target process: keeps the record of untracked
+// blocks exact.
+void* realloc_untracked(void* ptr, size_t size) {
+    void* q = tarvex::next_realloc(ptr, size);
+    if (q != nullptr || size == 0) {
+        if (ptr != nullptr) untracked_blocks().erase(ptr);
+        if (q != nullptr) untracked_blocks().insert(q);
+    }
+    return q;
+}
+}  // namespace
+
+TRVX_EXPORT_C void* realloc(void* ptr, size_t size) {
+    resolve(g_next_realloc, g_resolving.realloc_, "realloc");
+    size_t available;
+    if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, size, available);
+    if (!frame_ready()) return while_building(realloc_untracked(ptr, size));
+    if (!proc_info::is_target_proc()) return tarvex::next_realloc(ptr, size);
+    if (!guard().check_and_set_current_thread()) return realloc_untracked(ptr, size);
+    tarvex::backtrace bt;
+    void* p = realloc_tracked(bt, ptr, size);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {
+    resolve(g_next_realloc, g_resolving.realloc_, "realloc");
+    size_t n;
+    if (__builtin_mul_overflow(count, size, &n)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    size_t available;
+    if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, n, available);
+    if (!frame_ready()) return while_building(realloc_untracked(ptr, n));
+    if (!proc_info::is_target_proc()) return tarvex::next_realloc(ptr, n);
+    if (!guard().check_and_set_current_thread()) return realloc_untracked(ptr, n);
+    tarvex::backtrace bt;
+    void* p = realloc_tracked(bt, ptr, n);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C char* __strdup(const char* s) { return strdup(s); }
+
+// The aligned family: blocks are tracked like valloc's, aligned by the next
+// allocator with the footer behind the user bytes, so their release is
+// clean and their overflows are caught.
+namespace {
+void* memalign_untracked(size_t align, size_t size) {
+    void* p = tarvex::next_memalign(align, size);
+    if (!frame_ready()) return while_building(p);
+    return proc_info::is_target_proc() ? untracked(p) : p;
+}
+}  // namespace
+
+TRVX_EXPORT_C void* memalign(size_t align, size_t size) {
+    resolve(g_next_memalign, g_resolving.memalign_, "memalign");
+    if (!frame_ready() || size == 0) return memalign_untracked(align, size);
+    if (!proc_info::is_target_proc()) return tarvex::next_memalign(align, size);
+    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(align, size));
+    tarvex::backtrace bt;
+    void* p = allocate_tracked(bt, source::memalign_, align, size);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C void* aligned_alloc(size_t align, size_t size) {
+    resolve(g_next_memalign, g_resolving.memalign_, "memalign");
+    if (!is_power_of_two(align)) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (!frame_ready() || size == 0) return memalign_untracked(align, size);
+    if (!proc_info::is_target_proc()) return tarvex::next_memalign(align, size);
+    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(align, size));
+    tarvex::backtrace bt;
+    void* p = allocate_tracked(bt, source::memalign_, align, size);
+    guard().remove_current_thread();
+    return p;
+}
+
+TRVX_EXPORT_C int posix_memalign(void** out, size_t align, size_t size) {
+    resolve(g_next_memalign, g_resolving.memalign_, "memalign");
+    if (!is_power_of_two(align) || align % sizeof(void*) != 0) return EINVAL;
+    int saved_errno = errno;
+    void* p;
+    if (!frame_ready() || size == 0) {
+        p = memalign_untracked(align, size);
+    } else if (!proc_info::is_target_proc()) {
+        p = tarvex::next_memalign(align, size);
+    } else if (!guard().check_and_set_current_thread()) {
+        p = untracked(tarvex::next_memalign(align, size));
+    } else {
+        tarvex::backtrace bt;
+        p = allocate_tracked(bt, source::memalign_, align, size);
+        guard().remove_current_thread();
+    }
+    errno = saved_errno;
+    if (p == nullptr) return ENOMEM;
+    *out = p;
+    return 0;
+}
+
+TRVX_EXPORT_C void* pvalloc(size_t size) {
+    resolve(g_next_memalign, g_resolving.memalign_, "memalign");
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t rounded;
+    if (__builtin_add_overflow(size, page - 1, &rounded)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    rounded &= ~(page - 1);
+    if (!frame_ready() || rounded == 0) return memalign_untracked(page, rounded ? rounded : page);
+    if (!proc_info::is_target_proc()) return tarvex::next_memalign(page, rounded);
+    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(page, rounded));
+    tarvex::backtrace bt;
+    void* p = allocate_tracked(bt, source::memalign_, page, rounded);
+    guard().remove_current_thread();
+    return p;
+}
+
+// The usable size of a tracked block is the size the program asked for, so
+// code that fills a block up to its usable size never writes into the footer.
+TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
+    resolve(g_next_usable_size, g_resolving.usable_size_, "malloc_usable_size");
+    if (ptr == nullptr) return 0;
+    if (frame_ready() && proc_info::is_target_proc()) {
+        block_info bi;
+        if (stats().find_block_info(ptr, bi)) return bi.m_size;
+    }
+    return tarvex::next_usable_size(ptr);
+}
+
+// ---------------------------------------------------------------- control functions
+
+namespace {
+// A control function called before the first allocation builds the context
+// as the bootstrap would; one that meets the context being built waits for
+// it (the building thread waits for nothing).
+bool context_for_control() {
+    resolve(g_next_malloc, g_resolving.malloc_, "malloc");
+    resolve(g_next_free, g_resolving.free_, "free");
+    while (!frame_ready()) {
+        if (__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE)) return false;
+        sched_yield();
+    }
+    return true;
+}
+
+// A call from a thread that is already inside the library (a signal handler
+// that interrupted it) does nothing: running the operation could wait for a
+// mutex that the interrupted call holds, and releasing the guard afterwards
+// would free the slot that the interrupted call still counts on.
+template <class Op>
+void run_control(Op op) {
+    if (!context_for_control()) return;
+    if (!guard().check_and_set_current_thread()) return;
+    int saved_errno = errno;
+    try {
+        op(stats());
+    } catch (...) {
+    }
+    guard().remove_current_thread();
+    errno = saved_errno;
+}
+}  // namespace
+
+TRVX_EXPORT_C void trvx_trace_start() {
+    run_control([](mem_stats& s) { s.trace_start(); });
+}
+TRVX_EXPORT_C void trvx_trace_stop() {
+    run_control([](mem_stats& s) { s.trace_stop(); });
+}
+TRVX_EXPORT_C void trvx_trace_clear() {
+    run_control([](mem_stats& s) { s.trace_clear(); });
+}
+TRVX_EXPORT_C void trvx_trace_dump() {
+    run_control([](mem_stats& s) { s.trace_dump(); });
+}
+TRVX_EXPORT_C void trvx_dump_alloc_stats(unsigned long n) {
+    run_control([n](mem_stats& s) { s.dump_alloc_stats(n); });
+}
+TRVX_EXPORT_C void trvx_clear_alloc_stats() {
+    run_control([](mem_stats& s) { s.clear_alloc_stats(); });
+}

@@ -1,0 +1,485 @@
+#include "trvx_stat.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "trvx_lock.h"
+
+namespace tarvex {
+
+// ---------------------------------------------------------------- footer
+
+uint32_t footer_read32(const block_info_footer* f, size_t offset) {
+    uint32_t v;
+    memcpy(&v, reinterpret_cast<const char*>(f) + offset, sizeof v);
+    return v;
+}
+
+void footer_write32(block_info_footer* f, size_t offset, uint32_t value) {
+    memcpy(reinterpret_cast<char*>(f) + offset, &value, sizeof value);
+}
+
+block_info_footer* block_info::create_footer() {
+    block_info_footer* f = footer();
+    footer_write32(f, offsetof(block_info_footer, m_magic1), k_footer_magic);
+    footer_write32(f, offsetof(block_info_footer, m_alloc_uid), m_alloc_uid);
+    footer_write32(f, offsetof(block_info_footer, m_free_uid), 0);
+    footer_write32(f, offsetof(block_info_footer, m_magic2), k_footer_magic);
+    return f;
+}
+
+void block_info::update_block_info_footer(tarvex::backtrace& bt, block_info_footer* footer) {
+    char* frames = reinterpret_cast<char*>(footer) + offsetof(block_info_footer, m_frames);
+    int len = bt.get_bt_len();
+    void** bt_frames = bt.get_bt();
+    for (int i = 0; i < k_footer_frames; ++i) {
+        uint64_t v = i < len ? reinterpret_cast<uint64_t>(bt_frames[i]) : ~uint64_t(0);
+        memcpy(frames + i * sizeof(uint64_t), &v, sizeof v);
+    }
+}
+
+bool block_info::verify_footer() {
+    block_info_footer* f = footer();
+    bool ok = footer_read32(f, offsetof(block_info_footer, m_magic1)) == k_footer_magic &&
+              footer_read32(f, offsetof(block_info_footer, m_magic2)) == k_footer_magic;
+    footer_write32(f, offsetof(block_info_footer, m_alloc_uid), m_alloc_uid);
+    footer_write32(f, offsetof(block_info_footer, m_free_uid), m_free_uid);
+    return ok;
+}
+
+namespace {
+void append_stack(std::vector<std::string>& out, unsigned int uid) {
+    std::vector<std::string> lines;
+    if (g_ctx != nullptr) g_ctx->m_symbols.find_and_update_bt_sym(lines, uid);
+    for (std::string& line : lines) out.push_back(std::move(line));
+}
+}  // namespace
+
+void block_info::format_block_info(std::vector<std::string>& out) {
+    out.clear();
+    char buf[256];
+    snprintf(buf, sizeof buf, "block: 0x%p, len: %zu", m_addr, m_size);
+    out.emplace_back(buf);
+    const block_info_footer* f = footer();
+    snprintf(buf, sizeof buf, "magic1: 0x%x, magic2: 0x%x", footer_read32(f, offsetof(block_info_footer, m_magic1)),
+             footer_read32(f, offsetof(block_info_footer, m_magic2)));
+    out.emplace_back(buf);
+    out.emplace_back("alloc call stack:");
+    append_stack(out, m_alloc_uid);
+    out.emplace_back("free call stack:");
+    append_stack(out, m_free_uid);
+}
+
+// ---------------------------------------------------------------- store
+
+namespace {
+env_value g_top_env("TARVEX_TOP");
+env_value g_log_env("TARVEX_LOG_FILE_NAME");
+env_value g_clear_env("TARVEX_CLEAR_STATS_FILE_NAME");
+
+// Serialises the output of reports: a trace dump and a top report written
+// at the same moment never interleave their lines. It is taken before the
+// store's mutex and never while the store's mutex is held, so the lock order
+// (report output, store, symbol cache, guard) has no cycle.
+pthread_mutex_t g_report_mutex = PTHREAD_MUTEX_INITIALIZER;
+// At most one top report at a time; a request while one runs returns.
+bool g_report_in_progress;
+}  // namespace
+
+mem_stats::clock_fn mem_stats::s_clock = ::time;
+
+mem_stats::mem_stats()
+    : m_trace_on(false), m_trace_thread(0), m_total_size(0), m_total_count(0), m_delayed_free_size(0) {
+    pthread_mutex_init(&m_mutex, nullptr);
+    m_last_dump_time = s_clock(nullptr);
+}
+
+bool mem_stats::get_alloc_stat_on() { return g_top_env.get() != nullptr; }
+const char* mem_stats::get_log_file_name() { return g_log_env.get(); }
+const char* mem_stats::get_clear_stats_file_name() { return g_clear_env.get(); }
+
+bool mem_stats::tracing_this_thread() const {
+    return m_trace_on && pthread_equal(m_trace_thread, pthread_self());
+}
+
+// Registers the block; on a failure to get memory nothing stays changed, so
+// the caller can give the block back and report the request as failed.
+void mem_stats::insert_block_info(tarvex::block_info& bi) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_block_info_map.find(bi.m_addr);
+    bool existed = it != m_block_info_map.end();
+    block_info replaced;
+    if (existed) {
+        replaced = it->second;
+        it->second = bi;
+    } else {
+        it = m_block_info_map.emplace(bi.m_addr, bi).first;
+    }
+    bool traced = false;
+    try {
+        if (tracing_this_thread()) {
+            m_trace_list.push_back(bi);
+            traced = true;
+        }
+        if (get_alloc_stat_on()) {
+            uid_counter& c = m_uid_stats[bi.m_alloc_uid];
+            c.first += 1;
+            c.second += bi.m_size;
+            m_total_count += 1;
+            m_total_size += bi.m_size;
+        }
+    } catch (...) {
+        if (traced) m_trace_list.pop_back();
+        if (existed)
+            it->second = replaced;
+        else
+            m_block_info_map.erase(it);
+        throw;
+    }
+    periodic_trigger(lock);
+}
+
+// A report that fails (memory exhausted) is dropped: the registration that
+// triggered it has succeeded and stays.
+void mem_stats::periodic_trigger(scoped_lock& lock) {
+    if (!get_alloc_stat_on()) return;
+    if (s_clock(nullptr) - m_last_dump_time <= 10) return;
+    lock.unlock();
+    try {
+        dump_alloc_stats(20);
+    } catch (...) {
+    }
+    lock.lock();
+    m_last_dump_time = s_clock(nullptr);
+}
+
+// Never allocates: a site without a counter entry (cleared since) has
+// nothing to count down, and an entry of count 0 is never reported, so
+// none is created.
+bool mem_stats::find_and_remove_block_info(void* addr, tarvex::block_info& out) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_block_info_map.find(addr);
+    if (it == m_block_info_map.end()) return false;
+    out = it->second;
+    if (get_alloc_stat_on()) {
+        auto c = m_uid_stats.find(out.m_alloc_uid);
+        if (c != m_uid_stats.end() && c->second.first != 0) {
+            c->second.first -= 1;
+            c->second.second -= out.m_size;
+        }
+        m_total_size -= out.m_size;
+    }
+    m_block_info_map.erase(it);
+    return true;
+}
+
+bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_block_info_map.find(addr);
+    if (it == m_block_info_map.end()) return false;
+    out = it->second;
+    return true;
+}
+
+// ---------------------------------------------------------------- quarantine
+
+// On a failure to get memory nothing stays changed and the exception goes to
+// the caller, which then gives the block back at once.
+void mem_stats::delayed_free(tarvex::block_info& bi) {
+    scoped_lock lock(&m_mutex);
+    m_delayed_free_queue.push_back(bi.m_addr);
+    try {
+        auto res = m_delayed_free_bi_map.emplace(bi.m_addr, bi);
+        if (!res.second) res.first->second = bi;
+        try {
+            if (tracing_this_thread()) m_trace_list.push_back(bi);
+        } catch (...) {
+            m_delayed_free_bi_map.erase(res.first);
+            throw;
+        }
+    } catch (...) {
+        m_delayed_free_queue.pop_back();
+        throw;
+    }
+    m_delayed_free_size += bi.m_alloc_size;
+}
+
+void* mem_stats::get_next_to_free() {
+    scoped_lock lock(&m_mutex);
+    if (m_delayed_free_size <= k_quarantine_limit || m_delayed_free_queue.empty()) return nullptr;
+    void* p = m_delayed_free_queue.front();
+    m_delayed_free_queue.pop_front();
+    if (p == nullptr) fail_assert("p", "lib/trvx_stat", 347, "void* tarvex::mem_stats::get_next_to_free()");
+    auto iter = m_delayed_free_bi_map.find(p);
+    if (iter == m_delayed_free_bi_map.end())
+        fail_assert("iter != m_delayed_free_bi_map.end()", "lib/trvx_stat", 349,
+                    "void* tarvex::mem_stats::get_next_to_free()");
+    m_delayed_free_size -= iter->second.m_alloc_size;
+    m_delayed_free_bi_map.erase(iter);
+    return p;
+}
+
+bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_delayed_free_bi_map.find(addr);
+    if (it == m_delayed_free_bi_map.end()) return false;
+    out = it->second;
+    return true;
+}
+
+// ---------------------------------------------------------------- trace
+
+void mem_stats::trace_start() {
+    scoped_lock lock(&m_mutex);
+    m_trace_on = true;
+    m_trace_thread = pthread_self();
+}
+
+void mem_stats::trace_stop() {
+    scoped_lock lock(&m_mutex);
+    m_trace_on = false;
+    m_trace_thread = 0;
+}
+
+void mem_stats::trace_clear() {
+    scoped_lock lock(&m_mutex);
+    m_trace_list.clear();
+}
+
+FILE* mem_stats::open_report_stream() {
+    const char* name = get_log_file_name();
+    FILE* out = name ? fopen(name, "ae") : nullptr;
+    return out ? out : stdout;
+}
+
+void mem_stats::close_report_stream(FILE* out) {
+    if (out != stdout) fclose(out);
+}
+
+namespace {
+struct report_stream {
+    FILE* f;
+    ~report_stream() {
+        if (f != stdout) fclose(f);
+    }
+};
+
+void sort_unique(std::vector<uint32_t>& uids) {
+    std::sort(uids.begin(), uids.end());
+    uids.erase(std::unique(uids.begin(), uids.end()), uids.end());
+}
+}  // namespace
+
+void mem_stats::write_uid_section(FILE* out, const std::vector<uint32_t>& uids) {
+    fputs("\n----------uid to bt----------\n", out);
+    for (uint32_t uid : uids) {
+        std::vector<std::string> lines;
+        if (g_ctx != nullptr) g_ctx->m_symbols.find_and_update_bt_sym(lines, uid);
+        size_t n = lines.size();
+        size_t first = n >= 3 ? 2 : 0;
+        size_t end = std::min(n, first + 100);
+        std::string text;
+        for (size_t i = first; i < end; ++i) {
+            text += '\n';
+            text += lines[i];
+        }
+        fprintf(out, "uid: %08x, bt: %s\n\n", uid, text.c_str());
+    }
+}
+
+void mem_stats::trace_dump() {
+    scoped_lock report(&g_report_mutex);
+    scoped_lock lock(&m_mutex);
+    report_stream out{open_report_stream()};
+    std::vector<uint32_t> uids;
+    uids.reserve(m_trace_list.size() * 2);
+    for (const block_info& r : m_trace_list) {
+        uids.push_back(r.m_alloc_uid);
+        if (r.m_free_uid != 0) uids.push_back(r.m_free_uid);
+    }
+    sort_unique(uids);
+    write_uid_section(out.f, uids);
+    fputs("\n----------trace----------\n", out.f);
+    for (const block_info& r : m_trace_list)
+        fprintf(out.f, "alloc_uid: %08x, free_uid: %08x, size: %zd\n", r.m_alloc_uid, r.m_free_uid,
+                static_cast<ssize_t>(r.m_size));
+}
+
+// Not called by the reports, which write every uid; kept for programs and
+// tools that want to leave out the stacks of the two certificate handlers.
+bool mem_stats::check_filter_list(unsigned uid) {
+    static const char* const k_filter[] = {"ssl3_get_server_certificate", "ssl3_get_client_certificate"};
+    std::vector<std::string> lines;
+    if (g_ctx == nullptr || !g_ctx->m_symbols.find_bt_sym(lines, uid)) return false;
+    for (const std::string& line : lines)
+        for (const char* name : k_filter)
+            if (line.find(name) != std::string::npos) return true;
+    return false;
+}
+
+// ---------------------------------------------------------------- top report
+
+void mem_stats::dump_alloc_stats(unsigned long n) {
+    if (__atomic_exchange_n(&g_report_in_progress, true, __ATOMIC_ACQ_REL)) return;
+    struct clear_flag {
+        ~clear_flag() { __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE); }
+    } clear;
+    log_top(n);
+}
+
+void mem_stats::log_top(unsigned long n) {
+    scoped_lock report(&g_report_mutex);
+    time_t now = s_clock(nullptr);
+    uint64_t total_count;
+    time_t last;
+    {
+        scoped_lock lock(&m_mutex);
+        total_count = m_total_count;
+        last = m_last_dump_time;
+    }
+    uint64_t elapsed = static_cast<uint64_t>(now - last);
+    uint64_t rate = total_count / (elapsed == 0 ? 1 : elapsed);
+
+    const char* clear_name = get_clear_stats_file_name();
+    struct stat st;
+    if (clear_name != nullptr && stat(clear_name, &st) == 0) {
+        unlink(clear_name);
+        clear_alloc_stats();
+        return;
+    }
+    report_stream out{open_report_stream()};
+    {
+        scoped_lock lock(&m_mutex);
+        m_total_count = 0;
+    }
+    std::vector<mem_stat_top> by_count, by_size;
+    find_top(n, by_count, by_size);
+    std::vector<uint32_t> uids;
+    for (const mem_stat_top& r : by_count) uids.push_back(r.uid);
+    for (const mem_stat_top& r : by_size) uids.push_back(r.uid);
+    sort_unique(uids);
+    write_uid_section(out.f, uids);
+
+    uint64_t total_size;
+    {
+        scoped_lock lock(&m_mutex);
+        total_size = m_total_size;
+    }
+    std::string short_form;
+    format_str_bytes(short_form, total_size);
+    fprintf(out.f, "\nMem usage: %s (%lu bytes) (alloc/sec: %ld)\n", short_form.c_str(),
+            static_cast<unsigned long>(total_size), static_cast<long>(rate));
+    fputs("----------top by count----------\n", out.f);
+    for (const mem_stat_top& r : by_count)
+        fprintf(out.f, "uid: %08x, count: %ld, size: %ld\n", r.uid, static_cast<long>(r.count),
+                static_cast<long>(r.size));
+    fputs("----------top by size----------\n", out.f);
+    for (const mem_stat_top& r : by_size)
+        fprintf(out.f, "uid: %08x, size: %ld, count: %ld\n", r.uid, static_cast<long>(r.size),
+                static_cast<long>(r.count));
+    fputs("-------------------------------\n", out.f);
+}
+
+namespace {
+// Inserts row in front of the first row with a smaller key, so equal keys
+// stay in ascending uid order, then cuts the list back to n rows (once).
+void insert_ranked(std::vector<mem_stats::mem_stat_top>& list, const mem_stats::mem_stat_top& row,
+                   uint64_t mem_stats::mem_stat_top::*key, unsigned long n) {
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (list[i].*key < row.*key) {
+            list.insert(list.begin() + static_cast<std::ptrdiff_t>(i), row);
+            if (list.size() > n) list.pop_back();
+            return;
+        }
+    }
+}
+}  // namespace
+
+void mem_stats::find_top(unsigned long n, std::vector<mem_stat_top>& by_count, std::vector<mem_stat_top>& by_size) {
+    scoped_lock lock(&m_mutex);
+    by_count.clear();
+    by_size.clear();
+    by_count.push_back(mem_stat_top{0, 0, 0});
+    by_size.push_back(mem_stat_top{0, 0, 0});
+    for (const auto& e : m_uid_stats) {
+        mem_stat_top row{e.first, e.second.first, e.second.second};
+        insert_ranked(by_count, row, &mem_stat_top::count, n);
+        insert_ranked(by_size, row, &mem_stat_top::size, n);
+    }
+}
+
+void mem_stats::clear_alloc_stats() {
+    scoped_lock lock(&m_mutex);
+    m_uid_stats.clear();
+}
+
+void mem_stats::format_str_bytes(std::string& out, unsigned long bytes) {
+    static const char k_units[] = "BKMGT";
+    unsigned long value = bytes;
+    int unit = 0;
+    while (value > 1024 && unit < 4) {
+        value >>= 10;
+        ++unit;
+    }
+    out = std::to_string(value);
+    out += k_units[unit];
+}
+
+// ---------------------------------------------------------------- fork and views
+
+void mem_stats::lock_for_fork() {
+    pthread_mutex_lock(&g_report_mutex);
+    pthread_mutex_lock(&m_mutex);
+}
+
+void mem_stats::unlock_after_fork(bool child) {
+    pthread_mutex_unlock(&m_mutex);
+    pthread_mutex_unlock(&g_report_mutex);
+    // A report that another thread of the parent was writing does not go on
+    // in the child; without this the child could never report again.
+    if (child) __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE);
+}
+
+size_t mem_stats::live_block_count() {
+    scoped_lock lock(&m_mutex);
+    return m_block_info_map.size();
+}
+
+uint64_t mem_stats::quarantine_bytes() {
+    scoped_lock lock(&m_mutex);
+    return m_delayed_free_size;
+}
+
+size_t mem_stats::quarantine_block_count() {
+    scoped_lock lock(&m_mutex);
+    return m_delayed_free_queue.size();
+}
+
+bool mem_stats::uid_counters(uint32_t uid, uint64_t& count, uint64_t& size) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_uid_stats.find(uid);
+    if (it == m_uid_stats.end()) return false;
+    count = it->second.first;
+    size = it->second.second;
+    return true;
+}
+
+uint64_t mem_stats::total_size() {
+    scoped_lock lock(&m_mutex);
+    return m_total_size;
+}
+
+uint64_t mem_stats::total_count() {
+    scoped_lock lock(&m_mutex);
+    return m_total_count;
+}
+
+size_t mem_stats::trace_length() {
+    scoped_lock lock(&m_mutex);
+    return m_trace_list.size();
+}
+
+}  // namespace tarvex

@@ -1,0 +1,430 @@
+#include "trvx_util.h"
+
+#include <assert.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "trvx_lock.h"
+#include "trvx_stat.h"
+
+tarvex::context* g_ctx;
+
+namespace tarvex {
+
+void fail_assert(const char* expr, const char* file, unsigned line, const char* function) {
+    fflush(stdout);
+    __assert_fail(expr, file, line, function);
+}
+
+const char* env_value::get() {
+    if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE)) return m_value;
+    const char* value = getenv(m_name);
+    __atomic_store_n(&m_value, value, __ATOMIC_RELAXED);
+    __atomic_store_n(&m_loaded, true, __ATOMIC_RELEASE);
+    return value;
+}
+
+// ---------------------------------------------------------------- guard
+
+namespace {
+// Initial-exec TLS: a preloaded library's thread-locals live in the static
+// TLS block, so the first access of a thread never calls malloc.
+#define TRVX_TLS __thread __attribute__((tls_model("initial-exec")))
+TRVX_TLS const thread_map* t_inside_map;    // map the thread is inside
+TRVX_TLS const thread_map* t_busy_map;      // map whose guard operation runs
+TRVX_TLS bool t_overflow;                   // recorded without a slot
+}  // namespace
+
+thread_map::thread_map() {
+    pthread_mutex_init(&m_mutex, nullptr);
+    for (pthread_t& t : m_threads) t = 0;
+}
+
+thread_map::~thread_map() { pthread_mutex_destroy(&m_mutex); }
+
+bool thread_map::is_current_thread_inside() const {
+    return t_inside_map == this || t_busy_map == this;
+}
+
+bool thread_map::check_and_set_current_thread() {
+    if (is_current_thread_inside()) return false;
+    t_busy_map = this;
+    pthread_mutex_lock(&m_mutex);
+    pthread_t self = pthread_self();
+    int free_slot = -1;
+    bool present = false;
+    for (int i = 0; i < k_slots; ++i) {
+        if (m_threads[i] == 0) free_slot = i;  // the highest free slot wins
+        if (pthread_equal(m_threads[i], self)) {
+            present = true;
+            break;
+        }
+    }
+    if (!present) {
+        if (free_slot >= 0)
+            m_threads[free_slot] = self;
+        t_overflow = free_slot < 0;
+        t_inside_map = this;
+    }
+    pthread_mutex_unlock(&m_mutex);
+    t_busy_map = nullptr;
+    return !present;
+}
+
+void thread_map::remove_current_thread() {
+    if (t_inside_map == this && t_overflow) {
+        t_overflow = false;
+        t_inside_map = nullptr;
+        return;
+    }
+    t_busy_map = this;
+    pthread_mutex_lock(&m_mutex);
+    pthread_t self = pthread_self();
+    bool b = false;
+    for (int i = 0; i < k_slots; ++i) {
+        if (pthread_equal(m_threads[i], self)) {
+            m_threads[i] = 0;
+            b = true;
+            break;
+        }
+    }
+    pthread_mutex_unlock(&m_mutex);
+    if (t_inside_map == this) t_inside_map = nullptr;
+    t_busy_map = nullptr;
+    if (!b) fail_assert("b == true", "lib/trvx_util", 65, "void tarvex::thread_map::remove_current_thread()");
+}
+
+void thread_map::reset_in_child() {
+    pthread_t self = pthread_self();
+    for (pthread_t& t : m_threads)
+        if (!pthread_equal(t, self)) t = 0;
+}
+
+// ---------------------------------------------------------------- target process
+
+namespace {
+env_value g_target_name("TARVEX_TARGET_PROC_NAME");
+char g_current_name[32];
+int g_current_name_state;  // 0: unknown, 1: being written, 2: known
+bool g_decision;
+bool g_decision_made;
+}  // namespace
+
+const char* proc_info::get_target_proc_name() { return g_target_name.get(); }
+
+void proc_info::base_name_of(const char* argv0, char out[32]) {
+    out[0] = '\0';
+    size_t len = strlen(argv0);
+    if (len == 0 || argv0[len - 1] == '/') return;
+    const char* slash = strrchr(argv0, '/');
+    const char* base = slash ? slash + 1 : argv0;
+    size_t n = strnlen(base, 31);
+    memcpy(out, base, n);
+    out[n] = '\0';
+}
+
+// The first caller computes the name into a local buffer and publishes it;
+// a caller that finds it being written waits for the copy of 32 bytes, so
+// no caller ever sees a half-written name.
+char* proc_info::get_current_proc_name() {
+    if (__atomic_load_n(&g_current_name_state, __ATOMIC_ACQUIRE) == 2) return g_current_name;
+    char cmdline[512];
+    cmdline[0] = '\0';
+    int fd = open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t n = read(fd, cmdline, sizeof cmdline);
+        if (n <= 0) cmdline[0] = '\0';
+        close(fd);
+    }
+    cmdline[511] = '\0';
+    char name[32];
+    base_name_of(cmdline, name);
+    int expected = 0;
+    if (__atomic_compare_exchange_n(&g_current_name_state, &expected, 1, false, __ATOMIC_ACQ_REL,
+                                    __ATOMIC_ACQUIRE)) {
+        memcpy(g_current_name, name, sizeof name);
+        __atomic_store_n(&g_current_name_state, 2, __ATOMIC_RELEASE);
+    } else {
+        while (__atomic_load_n(&g_current_name_state, __ATOMIC_ACQUIRE) != 2) sched_yield();
+    }
+    return g_current_name;
+}
+
+// Concurrent first callers compute the same answer from the same published
+// inputs; the answer is stored before the flag that makes it visible.
+bool proc_info::is_target_proc() {
+    if (__atomic_load_n(&g_decision_made, __ATOMIC_ACQUIRE))
+        return __atomic_load_n(&g_decision, __ATOMIC_RELAXED);
+    const char* target = get_target_proc_name();
+    bool decision = target != nullptr && strcmp(get_current_proc_name(), target) == 0;
+    __atomic_store_n(&g_decision, decision, __ATOMIC_RELAXED);
+    __atomic_store_n(&g_decision_made, true, __ATOMIC_RELEASE);
+    return decision;
+}
+
+// ---------------------------------------------------------------- call stacks
+
+namespace {
+env_value g_nobacktrace("TARVEX_NOBACKTRACE");
+
+struct multiplier_table {
+    uint64_t b[backtrace::k_capacity];
+    constexpr multiplier_table() : b() {
+        uint64_t v = 31415;
+        for (int i = 0; i < backtrace::k_capacity; ++i) {
+            v = (v * 27183) % 0xFFFFFFFFULL;
+            b[i] = v;
+        }
+    }
+};
+constexpr multiplier_table k_multipliers;
+}  // namespace
+
+bool backtraces_disabled() { return g_nobacktrace.get() != nullptr; }
+
+uint32_t stack_uid(void* const* frames, int count) {
+    if (count <= 0) return 0;
+    const uint64_t m = 0xFFFFFFFFULL;
+    uint64_t h = reinterpret_cast<uint64_t>(frames[0]);
+    for (int i = 0; i < count && i < backtrace::k_capacity; ++i) {
+        h = (h * k_multipliers.b[i]) % m;
+        h = (h + (reinterpret_cast<uint64_t>(frames[i]) & m)) & m;
+    }
+    return static_cast<uint32_t>(h);
+}
+
+backtrace::backtrace() {
+    if (backtraces_disabled()) {
+        m_bt_len = 0;
+        m_cookie = 0;
+        return;
+    }
+    int n = ::backtrace(m_bt, k_capacity);
+    m_bt_len = n > 0 ? n : 0;
+    m_cookie = compute_cookie();
+}
+
+backtrace::backtrace(const std::vector<void*>& frames) : backtrace(frames.data(), frames.size()) {}
+
+backtrace::backtrace(void* const* frames, size_t count) {
+    m_bt_len = static_cast<int32_t>(count < k_capacity ? count : k_capacity);
+    for (int i = 0; i < m_bt_len; ++i) m_bt[i] = frames[i];
+    m_cookie = compute_cookie();
+}
+
+unsigned int backtrace::compute_cookie() { return stack_uid(m_bt, m_bt_len); }
+
+// ---------------------------------------------------------------- symbol caches
+
+backtrace_symbols_cache::symbolizer_fn backtrace_symbols_cache::s_symbolizer;
+
+backtrace_symbols_cache::backtrace_symbols_cache() { pthread_mutex_init(&m_mutex, nullptr); }
+
+backtrace_symbols_cache::~backtrace_symbols_cache() {
+    m_bt_cache.clear();
+    m_sym_cache.clear();
+    pthread_mutex_destroy(&m_mutex);
+}
+
+size_t backtrace_symbols_cache::bt_cache_size() {
+    scoped_lock lock(&m_mutex);
+    return m_bt_cache.size();
+}
+
+// The list is built completely before it enters the map, so a failure to get
+// memory leaves no entry at all rather than a short one under the wrong uid.
+void backtrace_symbols_cache::update_bt_cache(tarvex::backtrace& bt) {
+    scoped_lock lock(&m_mutex);
+    int len = bt.get_bt_len();
+    if (len <= 0) return;
+    unsigned int uid = bt.get_cookie();
+    if (m_bt_cache.find(uid) != m_bt_cache.end()) return;
+    frame_list frames(bt.get_bt(), bt.get_bt() + len);
+    m_bt_cache.emplace(uid, std::move(frames));
+}
+
+bool backtrace_symbols_cache::find_bt_sym(std::vector<std::string>& out, unsigned int uid) {
+    scoped_lock lock(&m_mutex);
+    auto it = m_sym_cache.find(uid);
+    if (it == m_sym_cache.end()) return false;
+    out = it->second;
+    return true;
+}
+
+bool backtrace_symbols_cache::find_and_update_bt_sym(std::vector<std::string>& out, unsigned int uid) {
+    {
+        scoped_lock lock(&m_mutex);
+        auto it = m_sym_cache.find(uid);
+        if (it != m_sym_cache.end()) {
+            out = it->second;
+            return true;
+        }
+        auto bt_it = m_bt_cache.find(uid);
+        if (bt_it == m_bt_cache.end()) return false;
+        backtrace bt(bt_it->second.data(), bt_it->second.size());
+        lock.unlock();
+        update_sym_cache(bt);
+    }
+    return find_bt_sym(out, uid);
+}
+
+// The C library's backtrace_symbols runs without the mutex. The lines are
+// copied into a list of their own first, so that a failure leaves no
+// incomplete entry; the array is released on every path.
+void backtrace_symbols_cache::update_sym_cache(tarvex::backtrace& bt) {
+    int len = bt.get_bt_len();
+    unsigned int uid = bt.get_cookie();
+    {
+        scoped_lock lock(&m_mutex);
+        if (len <= 0 || m_sym_cache.find(uid) != m_sym_cache.end()) return;
+    }
+    char** symbols = s_symbolizer ? s_symbolizer(bt.get_bt(), len) : ::backtrace_symbols(bt.get_bt(), len);
+    scoped_lock lock(&m_mutex);
+    if (symbols == nullptr) return;
+    struct array_release {
+        char** p;
+        ~array_release() { free(p); }
+    } release{symbols};
+    if (m_sym_cache.find(uid) != m_sym_cache.end()) return;  // the first writer wins
+    std::vector<std::string> lines;
+    lines.reserve(len);
+    for (int i = 0; i < len; ++i) lines.emplace_back(symbols[i]);
+    m_sym_cache.emplace(uid, std::move(lines));
+}
+
+// ---------------------------------------------------------------- symbol line parsing
+
+namespace {
+void cut(std::string& out, const std::string& line, size_t s, size_t e) {
+    out = line.substr(s + 1, e - s - 1);
+}
+}  // namespace
+
+void backtrace_symbols_cache::extract_symbol(std::string& out, const std::string& line) {
+    try {
+        size_t s = line.rfind('(');
+        size_t e = line.rfind(')');
+        if (s == std::string::npos || e == std::string::npos) {
+            out.clear();
+            return;
+        }
+        cut(out, line, s, e);
+    } catch (const std::exception&) {
+        out.clear();
+    }
+}
+
+void backtrace_symbols_cache::extract_address(std::string& out, const std::string& line) {
+    try {
+        size_t s = line.rfind('[');
+        size_t e = line.rfind(']');
+        if (s == std::string::npos || e == std::string::npos) {
+            out.clear();
+            return;
+        }
+        cut(out, line, s, e);
+    } catch (const std::exception&) {
+        out.clear();
+    }
+}
+
+void backtrace_symbols_cache::extract_function_name(std::string& out, const std::string& line) {
+    bool fall_back = false;
+    try {
+        size_t s = line.rfind('(');
+        size_t e = line.rfind('+');
+        if (s == std::string::npos || e == std::string::npos)
+            fall_back = true;
+        else
+            cut(out, line, s, e);
+    } catch (const std::exception&) {
+        fall_back = true;
+    }
+    if (fall_back) extract_address(out, line);
+}
+
+void backtrace_symbols_cache::extract_lib(std::string& out, const std::string& line) {
+    try {
+        size_t s = line.rfind('/');
+        size_t e = line.find(' ');
+        if (e == std::string::npos) e = line.find('(');
+        if (s == std::string::npos || e == std::string::npos) {
+            out.clear();
+            return;
+        }
+        cut(out, line, s, e);
+    } catch (const std::exception&) {
+        out.clear();
+    }
+}
+
+// ---------------------------------------------------------------- context
+
+context::context() : m_stats(nullptr) {
+    void* mem = next_malloc(sizeof(mem_stats));
+    if (mem == nullptr) throw std::bad_alloc();
+    try {
+        m_stats = new (mem) mem_stats();
+    } catch (...) {
+        next_free(mem);
+        throw;
+    }
+}
+
+}  // namespace tarvex
+
+// ---------------------------------------------------------------- demangler
+
+trvx_backtrace::trvx_backtrace() {}
+trvx_backtrace::~trvx_backtrace() {}
+void trvx_backtrace::backtrace_symbols(std::vector<std::string>&, void**, int) {}
+
+namespace {
+// The value of a run of decimal digits as sscanf("%d") reads it. A run too
+// long for a signed 32-bit value is taken as the largest one, which runs
+// past the end of any text and ends the walk.
+int32_t length_of(const std::string& digits) {
+    if (digits.size() > 9) return INT32_MAX;
+    int n = 0;
+    if (sscanf(digits.c_str(), "%d", &n) != 1) return 0;
+    return n;
+}
+}  // namespace
+
+std::string trvx_backtrace::my_demangle(std::string name) {
+    std::string result;
+    try {
+        if (name.find("_ZN") != 0) return name;
+        name.erase(0, 3);
+        std::string digits;
+        int32_t n = 0;
+        size_t i = 0;
+        while (i < name.size()) {
+            unsigned char c = static_cast<unsigned char>(name[i]);
+            if (c >= '0' && c <= '9') {
+                digits.push_back(static_cast<char>(c));
+                ++i;
+                continue;
+            }
+            if (!digits.empty()) {
+                n = length_of(digits);
+                digits.clear();
+            }
+            if (n <= 0) break;
+            if (!result.empty()) result += "::";
+            result += name.substr(i, static_cast<size_t>(n));
+            if (static_cast<size_t>(n) >= name.size() - i) break;
+            i += static_cast<size_t>(n);
+            n = 0;
+        }
+    } catch (...) {
+        return name;
+    }
+    return result;
+}

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test: the regular build, then the unit
+# and concurrency tests again under AddressSanitizer+UBSan and
+# ThreadSanitizer.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/setup.sh"
+jobs=$(nproc)
+
+run_build() {  # dir, ctest label regex (empty: all), extra cmake args...
+  local dir=$1 label=$2
+  shift 2
+  cmake -S "$root" -B "$dir" "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  local args=(--test-dir "$dir" --output-on-failure -j"$jobs" --timeout 900)
+  [[ -n "$label" ]] && args+=(-L "$label")
+  ctest "${args[@]}"
+}
+
+run_build "$root/build" ""
+run_build "$root/build-asan" "unit" -DTARVEX_SANITIZE=address -DTARVEX_BUILD_BENCH=OFF
+run_build "$root/build-tsan" "unit" -DTARVEX_SANITIZE=thread -DTARVEX_BUILD_BENCH=OFF
+echo "test.sh: all tests passed"

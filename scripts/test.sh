@@ -20,4 +20,11 @@ run_build() {  # dir, ctest label regex (empty: all), extra cmake args...
 run_build "$root/build" ""
 run_build "$root/build-asan" "unit" -DTARVEX_SANITIZE=address -DTARVEX_BUILD_BENCH=OFF
 run_build "$root/build-tsan" "unit" -DTARVEX_SANITIZE=thread -DTARVEX_BUILD_BENCH=OFF
+# Further checks (fuzzing, static analysis, browser tests, slow tests), one
+# script each.
+for step in "$root"/scripts/ci/*.sh; do
+  [[ -e "$step" ]] || continue
+  echo "== $(basename "$step")"
+  bash "$step"
+done
 echo "test.sh: all tests passed"

@@ -20,6 +20,7 @@
 #include "trvx_next.h"
 #include "trvx_stat.h"
 #include "trvx_untracked.h"
+#include "trvx_unwind.h"
 #include "trvx_util.h"
 
 using tarvex::block_info;
@@ -549,6 +550,17 @@ TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
         if (stats().find_block_info(ptr, bi)) return bi.m_size;
     }
     return tarvex::next_usable_size(ptr);
+}
+
+// Code of the unloaded object may be replaced by another at the same
+// addresses: the cached unwind rules are forgotten.
+TRVX_EXPORT_C int dlclose(void* handle) {
+    static int (*next_dlclose)(void*);
+    if (next_dlclose == nullptr)
+        __atomic_store_n(&next_dlclose, reinterpret_cast<int (*)(void*)>(dlsym(RTLD_NEXT, "dlclose")), __ATOMIC_RELEASE);
+    int result = next_dlclose ? next_dlclose(handle) : -1;
+    tarvex::unwind_cache_invalidate();
+    return result;
 }
 
 // ---------------------------------------------------------------- control functions

@@ -12,6 +12,7 @@
 
 #include "trvx_lock.h"
 #include "trvx_stat.h"
+#include "trvx_unwind.h"
 
 tarvex::context* g_ctx;
 
@@ -205,7 +206,7 @@ backtrace::backtrace() {
         m_cookie = 0;
         return;
     }
-    int n = ::backtrace(m_bt, k_capacity);
+    int n = trvx_capture_stack(m_bt, k_capacity);
     m_bt_len = n > 0 ? n : 0;
     m_cookie = compute_cookie();
 }

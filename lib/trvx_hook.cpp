@@ -121,7 +121,7 @@ inline bool frame_ready() {
 // A block that another thread got while the context was being built is
 // valid but untracked; it is recorded so that its release is quiet.
 inline void* while_building(void* p) {
-    if (p != nullptr && !__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) && proc_info::is_target_proc())
+    if (p != nullptr && !__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) && proc_info::is_target())
         untracked_blocks().insert(p);
     return p;
 }
@@ -280,13 +280,22 @@ void release_known(tarvex::backtrace& bt, block_info& bi, const fault_site& site
     if (!bi.verify_footer()) stop_bad_footer(bi, site);
     block_info::update_block_info_footer(bt, bi.footer());
     memset(bi.m_addr, 0xDD, bi.m_size);
+    // Quarantine and take what is due under one hold of the store's mutex;
+    // the blocks are given back without it.
+    constexpr size_t k_batch = 16;
+    void* due[k_batch];
+    size_t n;
     try {
-        stats().delayed_free(bi);
+        n = stats().delayed_free_and_take(bi, due, k_batch);
     } catch (...) {
         tarvex::next_free(bi.m_addr);
         return;
     }
-    give_back_due_blocks();
+    for (size_t i = 0; i < n; ++i) {
+        if (i + 1 < n) __builtin_prefetch(static_cast<char*>(due[i + 1]) - 16, 1);
+        tarvex::next_free(due[i]);
+    }
+    if (n == k_batch) give_back_due_blocks();
 }
 
 void free_tracked(tarvex::backtrace& bt, void* ptr) {
@@ -341,12 +350,12 @@ bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
 TRVX_EXPORT_C void* malloc(size_t size) {
     resolve(g_next_malloc, g_resolving.malloc_, "malloc");
     if (!frame_ready()) return while_building(tarvex::next_malloc(size));
-    if (size == 0) return proc_info::is_target_proc() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
-    if (!proc_info::is_target_proc()) return tarvex::next_malloc(size);
-    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_malloc(size));
+    if (size == 0) return proc_info::is_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
+    if (!proc_info::is_target()) return tarvex::next_malloc(size);
+    if (!guard().try_enter()) return untracked(tarvex::next_malloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::malloc_, 0, size);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -354,14 +363,14 @@ TRVX_EXPORT_C void* valloc(size_t size) {
     resolve(g_next_valloc, g_resolving.valloc_, "valloc");
     if (!frame_ready() || g_next_valloc == nullptr) {
         void* p = tarvex::next_memalign(sysconf(_SC_PAGESIZE), size);
-        return frame_ready() ? (proc_info::is_target_proc() ? untracked(p) : p) : while_building(p);
+        return frame_ready() ? (proc_info::is_target() ? untracked(p) : p) : while_building(p);
     }
-    if (size == 0) return proc_info::is_target_proc() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
-    if (!proc_info::is_target_proc()) return g_next_valloc(size);
-    if (!guard().check_and_set_current_thread()) return untracked(g_next_valloc(size));
+    if (size == 0) return proc_info::is_target() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
+    if (!proc_info::is_target()) return g_next_valloc(size);
+    if (!guard().try_enter()) return untracked(g_next_valloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::valloc_, 0, size);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -374,9 +383,9 @@ TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
     }
     if (!frame_ready()) return while_building(g_next_calloc(count, size));
     if (size == 0 || count == 0)
-        return proc_info::is_target_proc() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
-    if (!proc_info::is_target_proc()) return g_next_calloc(count, size);
-    if (!guard().check_and_set_current_thread()) return untracked(g_next_calloc(count, size));
+        return proc_info::is_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
+    if (!proc_info::is_target()) return g_next_calloc(count, size);
+    if (!guard().try_enter()) return untracked(g_next_calloc(count, size));
     tarvex::backtrace bt;
     size_t n;
     void* p;
@@ -386,7 +395,7 @@ TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
     } else {
         p = allocate_tracked(bt, source::calloc_, 0, n);
     }
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -398,14 +407,14 @@ TRVX_EXPORT_C void free(void* ptr) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
-    if (!proc_info::is_target_proc()) return tarvex::next_free(ptr);
-    if (!guard().check_and_set_current_thread()) {
+    if (!proc_info::is_target()) return tarvex::next_free(ptr);
+    if (!guard().try_enter()) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
     tarvex::backtrace bt;
     free_tracked(bt, ptr);
-    guard().remove_current_thread();
+    guard().leave();
 }
 
 namespace {
@@ -435,11 +444,11 @@ TRVX_EXPORT_C void* realloc(void* ptr, size_t size) {
     size_t available;
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, size, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, size));
-    if (!proc_info::is_target_proc()) return tarvex::next_realloc(ptr, size);
-    if (!guard().check_and_set_current_thread()) return realloc_untracked(ptr, size);
+    if (!proc_info::is_target()) return tarvex::next_realloc(ptr, size);
+    if (!guard().try_enter()) return realloc_untracked(ptr, size);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, size);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -453,11 +462,11 @@ TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {
     size_t available;
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, n, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, n));
-    if (!proc_info::is_target_proc()) return tarvex::next_realloc(ptr, n);
-    if (!guard().check_and_set_current_thread()) return realloc_untracked(ptr, n);
+    if (!proc_info::is_target()) return tarvex::next_realloc(ptr, n);
+    if (!guard().try_enter()) return realloc_untracked(ptr, n);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, n);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -470,18 +479,18 @@ namespace {
 void* memalign_untracked(size_t align, size_t size) {
     void* p = tarvex::next_memalign(align, size);
     if (!frame_ready()) return while_building(p);
-    return proc_info::is_target_proc() ? untracked(p) : p;
+    return proc_info::is_target() ? untracked(p) : p;
 }
 }  // namespace
 
 TRVX_EXPORT_C void* memalign(size_t align, size_t size) {
     resolve(g_next_memalign, g_resolving.memalign_, "memalign");
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
-    if (!proc_info::is_target_proc()) return tarvex::next_memalign(align, size);
-    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(align, size));
+    if (!proc_info::is_target()) return tarvex::next_memalign(align, size);
+    if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -492,11 +501,11 @@ TRVX_EXPORT_C void* aligned_alloc(size_t align, size_t size) {
         return nullptr;
     }
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
-    if (!proc_info::is_target_proc()) return tarvex::next_memalign(align, size);
-    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(align, size));
+    if (!proc_info::is_target()) return tarvex::next_memalign(align, size);
+    if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -507,14 +516,14 @@ TRVX_EXPORT_C int posix_memalign(void** out, size_t align, size_t size) {
     void* p;
     if (!frame_ready() || size == 0) {
         p = memalign_untracked(align, size);
-    } else if (!proc_info::is_target_proc()) {
+    } else if (!proc_info::is_target()) {
         p = tarvex::next_memalign(align, size);
-    } else if (!guard().check_and_set_current_thread()) {
+    } else if (!guard().try_enter()) {
         p = untracked(tarvex::next_memalign(align, size));
     } else {
         tarvex::backtrace bt;
         p = allocate_tracked(bt, source::memalign_, align, size);
-        guard().remove_current_thread();
+        guard().leave();
     }
     errno = saved_errno;
     if (p == nullptr) return ENOMEM;
@@ -532,11 +541,11 @@ TRVX_EXPORT_C void* pvalloc(size_t size) {
     }
     rounded &= ~(page - 1);
     if (!frame_ready() || rounded == 0) return memalign_untracked(page, rounded ? rounded : page);
-    if (!proc_info::is_target_proc()) return tarvex::next_memalign(page, rounded);
-    if (!guard().check_and_set_current_thread()) return untracked(tarvex::next_memalign(page, rounded));
+    if (!proc_info::is_target()) return tarvex::next_memalign(page, rounded);
+    if (!guard().try_enter()) return untracked(tarvex::next_memalign(page, rounded));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, page, rounded);
-    guard().remove_current_thread();
+    guard().leave();
     return p;
 }
 
@@ -545,7 +554,7 @@ TRVX_EXPORT_C void* pvalloc(size_t size) {
 TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
     resolve(g_next_usable_size, g_resolving.usable_size_, "malloc_usable_size");
     if (ptr == nullptr) return 0;
-    if (frame_ready() && proc_info::is_target_proc()) {
+    if (frame_ready() && proc_info::is_target()) {
         block_info bi;
         if (stats().find_block_info(ptr, bi)) return bi.m_size;
     }

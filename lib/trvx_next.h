@@ -32,13 +32,40 @@ extern trvx_posix_memalign_fn g_next_posix_memalign;
 extern trvx_malloc_fn g_next_pvalloc;
 extern trvx_usable_size_fn g_next_usable_size;
 
+// glibc's own entry points; they stay reachable whatever is preloaded.
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void __libc_free(void*);
+void* __libc_memalign(size_t, size_t);
+}
+
 namespace tarvex {
 
-void* next_malloc(size_t size);
-void* next_calloc(size_t count, size_t size);
-void* next_realloc(void* ptr, size_t size);
-void next_free(void* ptr);
-void* next_memalign(size_t align, size_t size);
+inline void* next_malloc(size_t size) {
+    trvx_malloc_fn f = __atomic_load_n(&g_next_malloc, __ATOMIC_RELAXED);
+    return f ? f(size) : __libc_malloc(size);
+}
+inline void* next_calloc(size_t count, size_t size) {
+    trvx_calloc_fn f = __atomic_load_n(&g_next_calloc, __ATOMIC_RELAXED);
+    return f ? f(count, size) : __libc_calloc(count, size);
+}
+inline void* next_realloc(void* ptr, size_t size) {
+    trvx_realloc_fn f = __atomic_load_n(&g_next_realloc, __ATOMIC_RELAXED);
+    return f ? f(ptr, size) : __libc_realloc(ptr, size);
+}
+inline void next_free(void* ptr) {
+    trvx_free_fn f = __atomic_load_n(&g_next_free, __ATOMIC_RELAXED);
+    if (f)
+        f(ptr);
+    else
+        __libc_free(ptr);
+}
+inline void* next_memalign(size_t align, size_t size) {
+    trvx_memalign_fn f = __atomic_load_n(&g_next_memalign, __ATOMIC_RELAXED);
+    return f ? f(align, size) : __libc_memalign(align, size);
+}
 size_t next_usable_size(void* ptr);
 
 // Standard-library allocator over the next allocator. The containers on the

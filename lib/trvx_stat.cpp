@@ -34,11 +34,9 @@ block_info_footer* block_info::create_footer() {
 void block_info::update_block_info_footer(tarvex::backtrace& bt, block_info_footer* footer) {
     char* frames = reinterpret_cast<char*>(footer) + offsetof(block_info_footer, m_frames);
     int len = bt.get_bt_len();
-    void** bt_frames = bt.get_bt();
-    for (int i = 0; i < k_footer_frames; ++i) {
-        uint64_t v = i < len ? reinterpret_cast<uint64_t>(bt_frames[i]) : ~uint64_t(0);
-        memcpy(frames + i * sizeof(uint64_t), &v, sizeof v);
-    }
+    size_t stored = len <= 0 ? 0 : (len < k_footer_frames ? size_t(len) : size_t(k_footer_frames));
+    memcpy(frames, bt.get_bt(), stored * sizeof(uint64_t));
+    memset(frames + stored * sizeof(uint64_t), 0xFF, (k_footer_frames - stored) * sizeof(uint64_t));
 }
 
 bool block_info::verify_footer() {
@@ -94,6 +92,7 @@ mem_stats::clock_fn mem_stats::s_clock = ::time;
 mem_stats::mem_stats()
     : m_trace_on(false), m_trace_thread(0), m_total_size(0), m_total_count(0), m_delayed_free_size(0) {
     pthread_mutex_init(&m_mutex, nullptr);
+    pthread_mutex_init(&m_quarantine_mutex, nullptr);
     m_last_dump_time = s_clock(nullptr);
 }
 
@@ -107,37 +106,32 @@ bool mem_stats::tracing_this_thread() const {
 
 // Registers the block; on a failure to get memory nothing stays changed, so
 // the caller can give the block back and report the request as failed.
+// Without counting and tracing only the registry's shard is locked.
 void mem_stats::insert_block_info(tarvex::block_info& bi) {
-    scoped_lock lock(&m_mutex);
-    auto it = m_block_info_map.find(bi.m_addr);
-    bool existed = it != m_block_info_map.end();
-    block_info replaced;
-    if (existed) {
-        replaced = it->second;
-        it->second = bi;
-    } else {
-        it = m_block_info_map.emplace(bi.m_addr, bi).first;
+    bool counting = get_alloc_stat_on();
+    if (!counting && !may_trace()) {
+        m_block_info_map.insert(bi);
+        return;
     }
+    scoped_lock lock(&m_mutex);
     bool traced = false;
+    uid_counter* c = nullptr;
+    if (tracing_this_thread()) {
+        m_trace_list.push_back(bi);
+        traced = true;
+    }
     try {
-        if (tracing_this_thread()) {
-            m_trace_list.push_back(bi);
-            traced = true;
-        }
-        if (get_alloc_stat_on()) {
-            uid_counter& c = m_uid_stats[bi.m_alloc_uid];
-            c.first += 1;
-            c.second += bi.m_size;
-            m_total_count += 1;
-            m_total_size += bi.m_size;
-        }
+        if (counting) c = &m_uid_stats[bi.m_alloc_uid];
+        m_block_info_map.insert(bi);
     } catch (...) {
         if (traced) m_trace_list.pop_back();
-        if (existed)
-            it->second = replaced;
-        else
-            m_block_info_map.erase(it);
         throw;
+    }
+    if (counting) {
+        c->first += 1;
+        c->second += bi.m_size;
+        m_total_count += 1;
+        m_total_size += bi.m_size;
     }
     periodic_trigger(lock);
 }
@@ -160,46 +154,29 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
 // nothing to count down, and an entry of count 0 is never reported, so
 // none is created.
 bool mem_stats::find_and_remove_block_info(void* addr, tarvex::block_info& out) {
+    if (!get_alloc_stat_on()) return m_block_info_map.remove(addr, out);
     scoped_lock lock(&m_mutex);
-    auto it = m_block_info_map.find(addr);
-    if (it == m_block_info_map.end()) return false;
-    out = it->second;
-    if (get_alloc_stat_on()) {
-        auto c = m_uid_stats.find(out.m_alloc_uid);
-        if (c != m_uid_stats.end() && c->second.first != 0) {
-            c->second.first -= 1;
-            c->second.second -= out.m_size;
-        }
-        m_total_size -= out.m_size;
+    if (!m_block_info_map.remove(addr, out)) return false;
+    auto c = m_uid_stats.find(out.m_alloc_uid);
+    if (c != m_uid_stats.end() && c->second.first != 0) {
+        c->second.first -= 1;
+        c->second.second -= out.m_size;
     }
-    m_block_info_map.erase(it);
+    m_total_size -= out.m_size;
     return true;
 }
 
-bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) {
-    scoped_lock lock(&m_mutex);
-    auto it = m_block_info_map.find(addr);
-    if (it == m_block_info_map.end()) return false;
-    out = it->second;
-    return true;
-}
+bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) { return m_block_info_map.find(addr, out); }
 
 // ---------------------------------------------------------------- quarantine
 
 // On a failure to get memory nothing stays changed and the exception goes to
 // the caller, which then gives the block back at once.
-void mem_stats::delayed_free(tarvex::block_info& bi) {
-    scoped_lock lock(&m_mutex);
+void mem_stats::quarantine_locked(const block_info& bi) {
     m_delayed_free_queue.push_back(bi.m_addr);
     try {
         auto res = m_delayed_free_bi_map.emplace(bi.m_addr, bi);
         if (!res.second) res.first->second = bi;
-        try {
-            if (tracing_this_thread()) m_trace_list.push_back(bi);
-        } catch (...) {
-            m_delayed_free_bi_map.erase(res.first);
-            throw;
-        }
     } catch (...) {
         m_delayed_free_queue.pop_back();
         throw;
@@ -207,8 +184,31 @@ void mem_stats::delayed_free(tarvex::block_info& bi) {
     m_delayed_free_size += bi.m_alloc_size;
 }
 
-void* mem_stats::get_next_to_free() {
-    scoped_lock lock(&m_mutex);
+// The tracing thread's release record goes into the trace before the block
+// enters the quarantine, so that a failure of either leaves neither.
+void mem_stats::quarantine(const block_info& bi) {
+    bool traced = false;
+    if (may_trace()) {
+        scoped_lock lock(&m_mutex);
+        if (tracing_this_thread()) {
+            m_trace_list.push_back(bi);
+            traced = true;
+        }
+    }
+    try {
+        scoped_lock lock(&m_quarantine_mutex);
+        quarantine_locked(bi);
+    } catch (...) {
+        if (traced) {
+            scoped_lock lock(&m_mutex);
+            m_trace_list.pop_back();
+        }
+        throw;
+    }
+}
+
+// The oldest block, once the quarantine holds more than its limit.
+void* mem_stats::take_due_locked() {
     if (m_delayed_free_size <= k_quarantine_limit || m_delayed_free_queue.empty()) return nullptr;
     void* p = m_delayed_free_queue.front();
     m_delayed_free_queue.pop_front();
@@ -222,8 +222,23 @@ void* mem_stats::get_next_to_free() {
     return p;
 }
 
+void mem_stats::delayed_free(tarvex::block_info& bi) { quarantine(bi); }
+
+void* mem_stats::get_next_to_free() {
+    scoped_lock lock(&m_quarantine_mutex);
+    return take_due_locked();
+}
+
+size_t mem_stats::delayed_free_and_take(tarvex::block_info& bi, void** due, size_t max) {
+    quarantine(bi);
+    scoped_lock lock(&m_quarantine_mutex);
+    size_t n = 0;
+    while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
+    return n;
+}
+
 bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {
-    scoped_lock lock(&m_mutex);
+    scoped_lock lock(&m_quarantine_mutex);
     auto it = m_delayed_free_bi_map.find(addr);
     if (it == m_delayed_free_bi_map.end()) return false;
     out = it->second;
@@ -433,9 +448,13 @@ void mem_stats::format_str_bytes(std::string& out, unsigned long bytes) {
 void mem_stats::lock_for_fork() {
     pthread_mutex_lock(&g_report_mutex);
     pthread_mutex_lock(&m_mutex);
+    pthread_mutex_lock(&m_quarantine_mutex);
+    m_block_info_map.lock_all();
 }
 
 void mem_stats::unlock_after_fork(bool child) {
+    m_block_info_map.unlock_all();
+    pthread_mutex_unlock(&m_quarantine_mutex);
     pthread_mutex_unlock(&m_mutex);
     pthread_mutex_unlock(&g_report_mutex);
     // A report that another thread of the parent was writing does not go on
@@ -443,18 +462,15 @@ void mem_stats::unlock_after_fork(bool child) {
     if (child) __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE);
 }
 
-size_t mem_stats::live_block_count() {
-    scoped_lock lock(&m_mutex);
-    return m_block_info_map.size();
-}
+size_t mem_stats::live_block_count() { return m_block_info_map.size(); }
 
 uint64_t mem_stats::quarantine_bytes() {
-    scoped_lock lock(&m_mutex);
+    scoped_lock lock(&m_quarantine_mutex);
     return m_delayed_free_size;
 }
 
 size_t mem_stats::quarantine_block_count() {
-    scoped_lock lock(&m_mutex);
+    scoped_lock lock(&m_quarantine_mutex);
     return m_delayed_free_queue.size();
 }
 

@@ -12,9 +12,11 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "trvx_next.h"
+#include "trvx_registry.h"
 #include "trvx_util.h"
 
 namespace tarvex {
@@ -85,6 +87,10 @@ public:
     void delayed_free(tarvex::block_info& bi);
     void* get_next_to_free();
     bool find_in_freed_list(void* addr, tarvex::block_info& out);
+    // delayed_free and then get_next_to_free up to max times, under one hold
+    // of the mutex; the addresses due go to due[], oldest first. Returns
+    // their count (max means more may be due).
+    size_t delayed_free_and_take(tarvex::block_info& bi, void** due, size_t max);
 
     // Trace.
     void trace_start();
@@ -125,9 +131,16 @@ public:
 private:
     template <class K, class V>
     using raw_map = std::map<K, V, std::less<K>, raw_allocator<std::pair<const K, V>>>;
+    template <class K, class V>
+    using raw_hash_map =
+        std::unordered_map<K, V, std::hash<K>, std::equal_to<K>, raw_allocator<std::pair<const K, V>>>;
     typedef std::pair<uint64_t, uint64_t> uid_counter;
 
     void periodic_trigger(class scoped_lock& lock);
+    void quarantine_locked(const block_info& bi);
+    void quarantine(const block_info& bi);
+    bool may_trace() const { return __atomic_load_n(&m_trace_on, __ATOMIC_RELAXED); }
+    void* take_due_locked();
     void append_trace(const block_info& bi);
     bool tracing_this_thread() const;
     void write_uid_section(FILE* out, const std::vector<uint32_t>& uids);
@@ -135,13 +148,16 @@ private:
     static void close_report_stream(FILE* out);
 
 public:
+    // Lock order: m_mutex, m_quarantine_mutex, the registry's shards; the
+    // symbol cache's mutex after all of them.
     pthread_mutex_t m_mutex;
+    pthread_mutex_t m_quarantine_mutex;
     bool m_trace_on;
     pthread_t m_trace_thread;
     uint64_t m_total_size;
     uint64_t m_total_count;
-    raw_map<void*, block_info> m_block_info_map;
-    raw_map<void*, block_info> m_delayed_free_bi_map;
+    block_registry m_block_info_map;
+    raw_hash_map<void*, block_info> m_delayed_free_bi_map;
     uint64_t m_delayed_free_size;
     std::deque<void*, raw_allocator<void*>> m_delayed_free_queue;
     raw_map<uint32_t, uid_counter> m_uid_stats;

@@ -33,13 +33,16 @@ const char* env_value::get() {
 
 // ---------------------------------------------------------------- guard
 
-namespace {
-// Initial-exec TLS: a preloaded library's thread-locals live in the static
-// TLS block, so the first access of a thread never calls malloc.
 #define TRVX_TLS __thread __attribute__((tls_model("initial-exec")))
-TRVX_TLS const thread_map* t_inside_map;    // map the thread is inside
-TRVX_TLS const thread_map* t_busy_map;      // map whose guard operation runs
-TRVX_TLS bool t_overflow;                   // recorded without a slot
+namespace detail {
+TRVX_TLS const thread_map* t_inside_map;  // map the thread is inside
+TRVX_TLS const thread_map* t_busy_map;    // map whose guard operation runs
+unsigned char g_target_state;
+}  // namespace detail
+namespace {
+using detail::t_busy_map;
+using detail::t_inside_map;
+TRVX_TLS bool t_overflow;  // recorded without a slot
 }  // namespace
 
 thread_map::thread_map() {
@@ -166,6 +169,7 @@ bool proc_info::is_target_proc() {
     bool decision = target != nullptr && strcmp(get_current_proc_name(), target) == 0;
     __atomic_store_n(&g_decision, decision, __ATOMIC_RELAXED);
     __atomic_store_n(&g_decision_made, true, __ATOMIC_RELEASE);
+    __atomic_store_n(&detail::g_target_state, decision ? 2 : 1, __ATOMIC_RELEASE);
     return decision;
 }
 
@@ -189,12 +193,23 @@ constexpr multiplier_table k_multipliers;
 
 bool backtraces_disabled() { return g_nobacktrace.get() != nullptr; }
 
+namespace {
+// x mod (2^32 - 1) without a division: 2^32 is 1 modulo 2^32 - 1, so the
+// high and low halves add up to a congruent value below 2^33, folded again.
+inline uint64_t mod_m32(uint64_t x) {
+    const uint64_t m = 0xFFFFFFFFULL;
+    x = (x >> 32) + (x & m);
+    x = (x >> 32) + (x & m);
+    return x >= m ? x - m : x;
+}
+}  // namespace
+
 uint32_t stack_uid(void* const* frames, int count) {
     if (count <= 0) return 0;
     const uint64_t m = 0xFFFFFFFFULL;
     uint64_t h = reinterpret_cast<uint64_t>(frames[0]);
     for (int i = 0; i < count && i < backtrace::k_capacity; ++i) {
-        h = (h * k_multipliers.b[i]) % m;
+        h = mod_m32(h * k_multipliers.b[i]);
         h = (h + (reinterpret_cast<uint64_t>(frames[i]) & m)) & m;
     }
     return static_cast<uint32_t>(h);
@@ -238,16 +253,36 @@ size_t backtrace_symbols_cache::bt_cache_size() {
     return m_bt_cache.size();
 }
 
+namespace {
+// Uids known to be in the stack cache, by their low bits. Entries of the
+// cache are never removed, so a uid seen here needs no lock and no lookup:
+// the common case of a tracked call (a known call site) stays lock-free.
+constexpr unsigned k_known_slots = 1 << 12;
+unsigned int g_known_uids[k_known_slots];
+
+bool known_uid(unsigned int uid) {
+    return uid != 0 && __atomic_load_n(&g_known_uids[uid & (k_known_slots - 1)], __ATOMIC_RELAXED) == uid;
+}
+void remember_uid(unsigned int uid) {
+    __atomic_store_n(&g_known_uids[uid & (k_known_slots - 1)], uid, __ATOMIC_RELAXED);
+}
+}  // namespace
+
 // The list is built completely before it enters the map, so a failure to get
 // memory leaves no entry at all rather than a short one under the wrong uid.
 void backtrace_symbols_cache::update_bt_cache(tarvex::backtrace& bt) {
-    scoped_lock lock(&m_mutex);
     int len = bt.get_bt_len();
-    if (len <= 0) return;
     unsigned int uid = bt.get_cookie();
-    if (m_bt_cache.find(uid) != m_bt_cache.end()) return;
-    frame_list frames(bt.get_bt(), bt.get_bt() + len);
-    m_bt_cache.emplace(uid, std::move(frames));
+    // The table of known uids serves the process's one cache only.
+    context* ctx = g_ctx;
+    bool process_cache = ctx != nullptr && this == &ctx->m_symbols;
+    if (len <= 0 || (process_cache && known_uid(uid))) return;
+    scoped_lock lock(&m_mutex);
+    if (m_bt_cache.find(uid) == m_bt_cache.end()) {
+        frame_list frames(bt.get_bt(), bt.get_bt() + len);
+        m_bt_cache.emplace(uid, std::move(frames));
+    }
+    if (process_cache) remember_uid(uid);
 }
 
 bool backtrace_symbols_cache::find_bt_sym(std::vector<std::string>& out, unsigned int uid) {

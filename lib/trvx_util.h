@@ -52,12 +52,30 @@ private:
 //  - A signal handler that interrupts a thread inside the library (or inside
 //    a guard operation) sees the marks without taking m_mutex, so it never
 //    deadlocks on it and never takes a second slot.
+class thread_map;
+namespace detail {
+// Initial-exec TLS: a preloaded library's thread-locals live in the static
+// TLS block, so the first access of a thread never calls malloc.
+extern __thread const thread_map* t_inside_map __attribute__((tls_model("initial-exec")));
+extern __thread const thread_map* t_busy_map __attribute__((tls_model("initial-exec")));
+}  // namespace detail
+
 class thread_map {
 public:
     thread_map();
     ~thread_map();
     bool check_and_set_current_thread();
     void remove_current_thread();
+
+    // The allocation paths' form of the guard: the thread-local mark alone,
+    // without a slot, so that a tracked call takes no lock and threads never
+    // contend on the guard. A thread inside by either form is inside for both.
+    bool try_enter() {
+        if (detail::t_inside_map == this || detail::t_busy_map == this) return false;
+        detail::t_inside_map = this;
+        return true;
+    }
+    void leave() { detail::t_inside_map = nullptr; }
     // True when the calling thread is inside the library (no lock taken).
     bool is_current_thread_inside() const;
 
@@ -76,8 +94,17 @@ private:
 };
 
 // Is this process the one named by TARVEX_TARGET_PROC_NAME?
+namespace detail {
+extern unsigned char g_target_state;  // 0: not decided, 1: not the target, 2: the target
+}
+
 class proc_info {
 public:
+    // The allocation paths' question: one load once decided.
+    static bool is_target() {
+        unsigned char s = __atomic_load_n(&detail::g_target_state, __ATOMIC_ACQUIRE);
+        return s ? s == 2 : is_target_proc();
+    }
     static const char* get_target_proc_name();
     static char* get_current_proc_name();
     static bool is_target_proc();

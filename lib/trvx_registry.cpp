@@ -1,0 +1,152 @@
+#include "trvx_registry.h"
+
+#include <cstring>
+#include <new>
+
+#include "trvx_lock.h"
+#include "trvx_stat.h"
+
+namespace tarvex {
+
+namespace {
+constexpr uintptr_t k_empty = 0;
+constexpr uintptr_t k_erased = 1;
+constexpr uintptr_t k_odd = uintptr_t(1) << 63;
+}  // namespace
+
+block_registry::block_registry() {
+    for (shard& s : m_shards) pthread_mutex_init(&s.mutex, nullptr);
+}
+
+block_registry::~block_registry() {
+    for (shard& s : m_shards) {
+        next_free(s.slots);
+        if (s.odd_sizes) {
+            s.odd_sizes->~size_map();
+            next_free(s.odd_sizes);
+        }
+        pthread_mutex_destroy(&s.mutex);
+    }
+}
+
+size_t block_registry::hash(uintptr_t addr) { return size_t((addr >> 4) * 0x9E3779B97F4A7C15ULL); }
+
+block_registry::shard& block_registry::shard_of(shard* shards, uintptr_t addr) {
+    return shards[hash(addr) >> 58];
+}
+
+// Slot of addr, or the slot where it would be inserted (the first erased one
+// on its probe sequence, else the empty one that ends it).
+size_t block_registry::probe(const shard& s, uintptr_t addr) {
+    size_t mask = s.capacity - 1;
+    size_t i = hash(addr) & mask;
+    size_t first_erased = s.capacity;
+    for (;;) {
+        uintptr_t k = s.slots[i].key;
+        if (k == k_empty) return first_erased != s.capacity ? first_erased : i;
+        if ((k & ~k_odd) == addr) return i;
+        if (k == k_erased && first_erased == s.capacity) first_erased = i;
+        i = (i + 1) & mask;
+    }
+}
+
+// Doubles the table (or rebuilds it at the same size when it is mostly
+// erased slots). Throws std::bad_alloc and changes nothing on failure.
+void block_registry::grow(shard& s) {
+    size_t capacity = s.capacity == 0 ? 64 : (s.live * 2 < s.capacity ? s.capacity : s.capacity * 2);
+    entry* slots = static_cast<entry*>(next_malloc(capacity * sizeof(entry)));
+    if (slots == nullptr) throw std::bad_alloc();
+    memset(slots, 0, capacity * sizeof(entry));
+    shard old = s;
+    s.slots = slots;
+    s.capacity = capacity;
+    s.used = 0;
+    for (size_t i = 0; i < old.capacity; ++i) {
+        if (old.slots[i].key > k_erased) {
+            s.slots[probe(s, old.slots[i].key & ~k_odd)] = old.slots[i];
+            ++s.used;
+        }
+    }
+    next_free(old.slots);
+}
+
+void block_registry::fill(const shard& s, const entry& e, block_info& out) {
+    out.m_addr = reinterpret_cast<void*>(e.key & ~k_odd);
+    out.m_size = e.size;
+    out.m_alloc_size = e.size + k_footer_size;
+    if ((e.key & k_odd) && s.odd_sizes) {
+        auto it = s.odd_sizes->find(e.key & ~k_odd);
+        if (it != s.odd_sizes->end()) out.m_alloc_size = it->second;
+    }
+    out.m_alloc_uid = e.alloc_uid;
+    out.m_free_uid = e.free_uid;
+}
+
+void block_registry::insert(const block_info& bi) {
+    uintptr_t addr = reinterpret_cast<uintptr_t>(bi.m_addr);
+    shard& s = shard_of(m_shards, addr);
+    scoped_lock lock(&s.mutex);
+    if ((s.used + 1) * 8 > s.capacity * 7) grow(s);
+    bool odd = bi.m_alloc_size != bi.m_size + k_footer_size;
+    if (odd) {
+        if (s.odd_sizes == nullptr) {
+            void* mem = next_malloc(sizeof(size_map));
+            if (mem == nullptr) throw std::bad_alloc();
+            s.odd_sizes = new (mem) size_map();
+        }
+        (*s.odd_sizes)[addr] = bi.m_alloc_size;
+    }
+    size_t i = probe(s, addr);
+    entry& e = s.slots[i];
+    if (e.key <= k_erased) {
+        if (e.key == k_empty) ++s.used;
+        ++s.live;
+    } else if ((e.key & k_odd) && !odd && s.odd_sizes) {
+        s.odd_sizes->erase(addr);
+    }
+    e = entry{addr | (odd ? k_odd : 0), bi.m_size, bi.m_alloc_uid, bi.m_free_uid};
+}
+
+bool block_registry::remove(void* p, block_info& out) {
+    uintptr_t addr = reinterpret_cast<uintptr_t>(p);
+    shard& s = shard_of(m_shards, addr);
+    scoped_lock lock(&s.mutex);
+    if (s.live == 0) return false;
+    entry& e = s.slots[probe(s, addr)];
+    if (e.key <= k_erased) return false;
+    fill(s, e, out);
+    if ((e.key & k_odd) && s.odd_sizes) s.odd_sizes->erase(addr);
+    e.key = k_erased;
+    --s.live;
+    return true;
+}
+
+bool block_registry::find(void* p, block_info& out) {
+    uintptr_t addr = reinterpret_cast<uintptr_t>(p);
+    shard& s = shard_of(m_shards, addr);
+    scoped_lock lock(&s.mutex);
+    if (s.live == 0) return false;
+    const entry& e = s.slots[probe(s, addr)];
+    if (e.key <= k_erased) return false;
+    fill(s, e, out);
+    return true;
+}
+
+size_t block_registry::size() {
+    size_t n = 0;
+    for (shard& s : m_shards) {
+        scoped_lock lock(&s.mutex);
+        n += s.live;
+    }
+    return n;
+}
+
+void block_registry::lock_all() {
+    for (shard& s : m_shards) pthread_mutex_lock(&s.mutex);
+}
+
+void block_registry::unlock_all() {
+    for (shard& s : m_shards) pthread_mutex_unlock(&s.mutex);
+}
+
+}  // namespace tarvex

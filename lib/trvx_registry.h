@@ -1,0 +1,71 @@
+// The registry of live tracked blocks: block address to record.
+//
+// Every tracked allocation inserts and every tracked release removes, from
+// any thread, so the registry is split into shards by address, each an
+// open-addressing hash table under its own mutex: threads that work on
+// different blocks rarely meet, and nothing is allocated per block.
+// An entry takes 24 bytes; the block's allocation size is kept only when it
+// differs from its size plus the footer (never, for the allocation paths).
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+
+#include "trvx_next.h"
+
+namespace tarvex {
+
+class block_info;
+
+class block_registry {
+public:
+    block_registry();
+    ~block_registry();
+    block_registry(const block_registry&) = delete;
+    block_registry& operator=(const block_registry&) = delete;
+
+    // Registers bi under bi.m_addr, replacing a record of the same address.
+    // Throws std::bad_alloc when the table cannot grow; nothing changes then.
+    void insert(const block_info& bi);
+    // Copies out and removes the record of addr; false if there is none.
+    bool remove(void* addr, block_info& out);
+    bool find(void* addr, block_info& out);
+    size_t size();
+    bool empty() { return size() == 0; }
+
+    // fork: every shard's mutex is held across fork.
+    void lock_all();
+    void unlock_all();
+
+private:
+    struct entry {
+        uintptr_t key;  // address; bit 63 set: the allocation size is in odd_sizes
+        uint64_t size;
+        uint32_t alloc_uid;
+        uint32_t free_uid;
+    };
+    typedef std::map<uintptr_t, size_t, std::less<uintptr_t>, raw_allocator<std::pair<const uintptr_t, size_t>>>
+        size_map;
+    struct alignas(64) shard {
+        pthread_mutex_t mutex;
+        entry* slots = nullptr;
+        size_t capacity = 0;  // a power of two, or 0
+        size_t used = 0;      // live and erased slots
+        size_t live = 0;
+        size_map* odd_sizes = nullptr;
+    };
+    static constexpr size_t k_shards = 64;
+
+    static size_t hash(uintptr_t addr);
+    static shard& shard_of(shard* shards, uintptr_t addr);
+    static size_t probe(const shard& s, uintptr_t addr);
+    static void grow(shard& s);
+    static void fill(const shard& s, const entry& e, block_info& out);
+
+    shard m_shards[k_shards];
+};
+
+}  // namespace tarvex

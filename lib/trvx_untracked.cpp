@@ -31,12 +31,16 @@ struct break_range {
     uintptr_t end;
 };
 break_range g_ranges[k_max_ranges];
-int g_range_count;
 pthread_mutex_t g_range_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 untracked_set g_untracked;
 
 }  // namespace
+
+namespace detail {
+int g_range_count;
+}
+using detail::g_range_count;
 
 untracked_set& untracked_blocks() { return g_untracked; }
 

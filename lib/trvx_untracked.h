@@ -51,6 +51,10 @@ private:
 // Memory handed out from the program break by calloc while dlsym resolves
 // calloc: it is never given to the next allocator.
 void record_break_range(void* begin, size_t len);
+namespace detail {
+extern int g_range_count;
+}
+inline bool break_ranges_exist() { return __atomic_load_n(&detail::g_range_count, __ATOMIC_ACQUIRE) != 0; }
 bool in_break_range(const void* p, size_t* bytes_to_end);
 
 // The one set of the process (zero-initialised, never destroyed).

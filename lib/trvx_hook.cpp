@@ -477,6 +477,10 @@ TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {
         errno = ENOMEM;
         return nullptr;
     }
+    // Without an old block this is an allocation, and as in the C library a
+    // zero-size one gives a valid block: gnulib's xreallocarray (sed, grep,
+    // tar...) takes null from reallocarray(NULL, 0, size) for exhaustion.
+    if (ptr == nullptr && n == 0) return malloc(0);
     size_t available;
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, n, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, n));

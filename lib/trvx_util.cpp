@@ -424,9 +424,11 @@ void trvx_backtrace::backtrace_symbols(std::vector<std::string>&, void**, int) {
 namespace {
 // The value of a run of decimal digits as sscanf("%d") reads it. A run too
 // long for a signed 32-bit value is taken as the largest one, which runs
-// past the end of any text and ends the walk.
+// past the end of any text and ends the walk. Leading zeros do not count
+// towards that: 0000000007 is the length 7.
 int32_t length_of(const std::string& digits) {
-    if (digits.size() > 9) return INT32_MAX;
+    size_t first = digits.find_first_not_of('0');
+    if (first != std::string::npos && digits.size() - first > 9) return INT32_MAX;
     int n = 0;
     if (sscanf(digits.c_str(), "%d", &n) != 1) return 0;
     return n;

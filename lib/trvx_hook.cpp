@@ -50,11 +50,22 @@ struct resolving_flags {
 // library's own entry point meanwhile (see trvx_next.cpp); when dlsym finds
 // no next definition at all, those entry points stay in use for good.
 template <class F>
-inline void resolve(F& slot, bool& resolving, const char* name) {
+inline void resolve_one(F& slot, bool& resolving, const char* name) {
     if (__builtin_expect(__atomic_load_n(&slot, __ATOMIC_ACQUIRE) != nullptr, 1)) return;
     if (__atomic_exchange_n(&resolving, true, __ATOMIC_ACQ_REL)) return;
     void* p = dlsym(RTLD_NEXT, name);
     if (p != nullptr) __atomic_store_n(&slot, reinterpret_cast<F>(p), __ATOMIC_RELEASE);
+}
+
+// free is resolved before anything else, so that free itself never calls
+// dlsym once the process has allocated: glibc's dlsym frees the message of
+// an earlier failed dlsym and clears its pointer only after free returns, so
+// a free that called dlsym there would release that message twice.
+template <class F>
+inline void resolve(F& slot, bool& resolving, const char* name) {
+    if (__builtin_expect(__atomic_load_n(&slot, __ATOMIC_ACQUIRE) != nullptr, 1)) return;
+    resolve_one(g_next_free, g_resolving.free_, "free");
+    resolve_one(slot, resolving, name);
 }
 
 // calloc while dlsym resolves calloc: served from the program break, never

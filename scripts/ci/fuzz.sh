@@ -13,10 +13,15 @@ cxx=${CXX_FUZZ:-clang++}
 
 mkdir -p "$build/artifacts" "$build/corpus"
 lib="$root/lib"
+# The library's classes without the interposed functions (trvx_hook.cpp),
+# which would replace the fuzzer's own malloc.
+core=()
+for src in "$lib"/*.cpp; do
+  [[ "$(basename "$src")" == trvx_hook.cpp ]] || core+=("$src")
+done
 "$cxx" -std=c++17 -g -O1 -fno-omit-frame-pointer \
   -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
-  -I"$lib" "$root/tests/fuzz/parsers_fuzz.cpp" \
-  "$lib/trvx_util.cpp" "$lib/trvx_stat.cpp" "$lib/trvx_next.cpp" "$lib/trvx_untracked.cpp" \
+  -I"$lib" "$root/tests/fuzz/parsers_fuzz.cpp" "${core[@]}" \
   -ldl -lpthread -o "$build/parsers_fuzz"
 
 # New inputs go to the build directory; the seeds in the tree stay as they are.

@@ -1,0 +1,86 @@
+// Small helpers of the report tool: escaping, demangling, byte counts and
+// the command line.
+#include <gtest/gtest.h>
+
+#include "cli_options.h"
+#include "demangle.h"
+#include "markup.h"
+#include "presentation.h"
+
+namespace tarvex::report {
+namespace {
+
+TEST(Markup, HtmlEscape) {
+    EXPECT_EQ(html_escape("a<b>&\"c'"), "a&lt;b&gt;&amp;&quot;c&#39;");
+    EXPECT_EQ(html_escape(""), "");
+}
+
+TEST(Markup, JsonStringsCannotCloseTheScript) {
+    EXPECT_EQ(json_string("</script>"), "\"\\u003c/script\\u003e\"");
+    EXPECT_EQ(json_string("a\"b\\c\n\x01"), "\"a\\\"b\\\\c\\u000a\\u0001\"");
+    EXPECT_EQ(json_string("operator<<(std::ostream&)"),
+              "\"operator\\u003c\\u003c(std::ostream\\u0026)\"");
+}
+
+TEST(Demangle, CxxNamesOnly) {
+    EXPECT_EQ(demangle("_Znwm"), "operator new(unsigned long)");
+    EXPECT_EQ(demangle("_ZN6sample10keep_blockEm"), "sample::keep_block(unsigned long)");
+    EXPECT_EQ(demangle("malloc"), "malloc");
+    EXPECT_EQ(demangle("_Zbroken"), "_Zbroken");
+    EXPECT_EQ(demangle(""), "");
+}
+
+TEST(Presentation, Bytes) {
+    EXPECT_EQ(human_bytes(0), "0 B");
+    EXPECT_EQ(human_bytes(1023), "1023 B");
+    EXPECT_EQ(human_bytes(1024), "1.0 KiB");
+    EXPECT_EQ(human_bytes(1536), "1.5 KiB");
+    EXPECT_EQ(human_bytes(5ull << 30), "5.0 GiB");
+    EXPECT_EQ(human_bytes(~0ull), "16777216.0 TiB");
+    EXPECT_EQ(blocks_text(1), "1 block");
+    EXPECT_EQ(blocks_text(0), "0 blocks");
+    EXPECT_EQ(uid_hex(0xab), "000000ab");
+}
+
+TEST(Presentation, SiteLabelSkipsAllocatorFrames) {
+    symboliser symbols;
+    call_stack stack = {parse_frame_line("/no/lib(+0x1) [0x1]")};
+    EXPECT_EQ(site_label(stack, symbols), "/no/lib(+0x1) [0x1]");
+    EXPECT_EQ(site_label({}, symbols), "(no call stack)");
+}
+
+bool parses(std::initializer_list<const char*> args, cli_options& options, std::string& error) {
+    options = cli_options{};
+    return parse_cli(std::vector<std::string>(args.begin(), args.end()), options, error);
+}
+
+TEST(CommandLine, OptionsAndFiles) {
+    cli_options o;
+    std::string error;
+    ASSERT_TRUE(parses({"--html", "out.html", "-d", "/a", "--search-dir=/b", "x.log", "-"}, o,
+                       error));
+    EXPECT_EQ(o.html, "out.html");
+    EXPECT_EQ(o.search_dirs, (std::vector<std::string>{"/a", "/b"}));
+    EXPECT_EQ(o.inputs, (std::vector<std::string>{"x.log", "-"}));
+    ASSERT_TRUE(parses({"--html=o.html", "--", "--odd-name.log"}, o, error));
+    EXPECT_EQ(o.inputs, (std::vector<std::string>{"--odd-name.log"}));
+    ASSERT_TRUE(parses({"--help"}, o, error));
+    EXPECT_TRUE(o.help);
+    ASSERT_TRUE(parses({"--version"}, o, error));
+    EXPECT_TRUE(o.version);
+}
+
+TEST(CommandLine, Mistakes) {
+    cli_options o;
+    std::string error;
+    EXPECT_FALSE(parses({}, o, error));
+    EXPECT_EQ(error, "no input file given");
+    EXPECT_FALSE(parses({"--html"}, o, error));
+    EXPECT_EQ(error, "option --html needs a value");
+    EXPECT_FALSE(parses({"--html=", "x"}, o, error));
+    EXPECT_FALSE(parses({"--frobnicate", "x"}, o, error));
+    EXPECT_EQ(error, "unknown option '--frobnicate'");
+}
+
+}  // namespace
+}  // namespace tarvex::report

@@ -594,6 +594,27 @@ TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
     return tarvex::next_usable_size(ptr);
 }
 
+// A library loaded with RTLD_DEEPBIND looks its symbols up in its own
+// dependencies first, so its malloc and free would be the C library's, not
+// tarvex's: its blocks would be unknown to tarvex's free and the program's
+// blocks released inside it would leave the registry behind. In the target
+// process the flag is therefore dropped. The next dlopen is reached by a
+// tail jump, so that it still sees the program's return address and looks
+// relative names up in the calling object's RUNPATH, as without tarvex.
+namespace {
+void* (*g_next_dlopen)(const char*, int);
+}
+
+TRVX_EXPORT_C void* dlopen(const char* file, int flags) {
+    void* (*next)(const char*, int) = __atomic_load_n(&g_next_dlopen, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(next == nullptr, 0)) {
+        next = reinterpret_cast<void* (*)(const char*, int)>(dlsym(RTLD_NEXT, "dlopen"));
+        __atomic_store_n(&g_next_dlopen, next, __ATOMIC_RELEASE);
+    }
+    if ((flags & RTLD_DEEPBIND) && proc_info::is_target()) flags &= ~RTLD_DEEPBIND;
+    return next(file, flags);
+}
+
 // Code of the unloaded object may be replaced by another at the same
 // addresses: the cached unwind rules are forgotten.
 TRVX_EXPORT_C int dlclose(void* handle) {

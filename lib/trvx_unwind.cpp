@@ -111,16 +111,18 @@ struct reader {
         return fail();
     }
     int64_t sleb() {
-        int64_t v = 0;
+        // Assembled unsigned: a signed shift into bit 63, or the negation of
+        // the lowest value, would be undefined.
+        uint64_t v = 0;
         unsigned shift = 0;
         uint8_t b;
         do {
             b = u8();
-            v |= int64_t(b & 0x7f) << shift;
+            v |= uint64_t(b & 0x7f) << shift;
             shift += 7;
         } while ((b & 0x80) && shift < 64);
-        if (shift < 64 && (b & 0x40)) v |= -(int64_t(1) << shift);
-        return v;
+        if (shift < 64 && (b & 0x40)) v |= ~uint64_t(0) << shift;
+        return int64_t(v);
     }
     template <class T>
     T fixed() {

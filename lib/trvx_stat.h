@@ -160,7 +160,7 @@ public:
     raw_hash_map<void*, block_info> m_delayed_free_bi_map;
     uint64_t m_delayed_free_size;
     std::deque<void*, raw_allocator<void*>> m_delayed_free_queue;
-    raw_map<uint32_t, uid_counter> m_uid_stats;
+    raw_hash_map<uint32_t, uid_counter> m_uid_stats;
     time_t m_last_dump_time;
     std::vector<block_info, raw_allocator<block_info>> m_trace_list;
 };

@@ -79,8 +79,11 @@ struct raw_allocator {
     template <class U>
     raw_allocator(const raw_allocator<U>&) noexcept {}
     T* allocate(size_t n) {
+        // T is a pointer type for some containers; its own size is meant.
+        // NOLINTBEGIN(bugprone-sizeof-expression)
         if (n > size_t(-1) / sizeof(T)) throw std::bad_alloc();
         void* p = next_malloc(n * sizeof(T));
+        // NOLINTEND(bugprone-sizeof-expression)
         if (p == nullptr) throw std::bad_alloc();
         return static_cast<T*>(p);
     }

@@ -1,0 +1,28 @@
+// 64 threads allocating, resizing and releasing each other's blocks while
+// control threads trace, report and clear; the accounting stays exact.
+#include <gtest/gtest.h>
+
+#include "runner.h"
+
+using namespace stress;
+
+namespace {
+
+TEST(Threads, SixtyFourThreadsShareBlocksAndTheTotalsStayExact) {
+    temp_dir dir;
+    run_options o;
+    o.env = {{"TARVEX_TARGET_PROC_NAME", "stress_threads"},
+             {"TARVEX_TOP", "1"},
+             {"TARVEX_LOG_FILE_NAME", dir.file("log")}};
+    o.timeout_s = 300;
+    result r = run({built("stress_threads"), "40000"}, o);
+    ASSERT_TRUE(r.exited_ok()) << r.describe();
+    EXPECT_EQ(r.out, "threads: ok (2560000 operations)\n");
+    EXPECT_EQ(r.err, "");
+    std::string log = read_file(dir.file("log"));
+    // The control threads' reports and dumps were written while the workers ran.
+    EXPECT_GT(count(log, "----------top by size----------\n"), 5u);
+    EXPECT_GT(count(log, "\n----------trace----------\n"), 5u);
+}
+
+}  // namespace

@@ -404,7 +404,9 @@ void backtrace_symbols_cache::extract_lib(std::string& out, const std::string& l
 // ---------------------------------------------------------------- context
 
 context::context() : m_stats(nullptr) {
-    void* mem = next_malloc(sizeof(mem_stats));
+    // The store has 64-byte aligned members (the registry's shards), more
+    // than malloc guarantees.
+    void* mem = next_memalign(alignof(mem_stats), sizeof(mem_stats));
     if (mem == nullptr) throw std::bad_alloc();
     try {
         m_stats = new (mem) mem_stats();

@@ -41,8 +41,9 @@ bool g_init_failed;
 
 // ---------------------------------------------------------------- resolution
 
+// The aligned family all resolves through memalign.
 struct resolving_flags {
-    bool malloc_, valloc_, realloc_, free_, memalign_, aligned_alloc_, posix_memalign_, pvalloc_, usable_size_;
+    bool malloc_, valloc_, realloc_, free_, memalign_, usable_size_;
 } g_resolving;
 
 // Resolves one next definition. A call that arrives while the same function

@@ -10,9 +10,6 @@ trvx_calloc_fn g_next_calloc;
 trvx_realloc_fn g_next_realloc;
 trvx_free_fn g_next_free;
 trvx_memalign_fn g_next_memalign;
-trvx_memalign_fn g_next_aligned_alloc;
-trvx_posix_memalign_fn g_next_posix_memalign;
-trvx_malloc_fn g_next_pvalloc;
 trvx_usable_size_fn g_next_usable_size;
 
 namespace tarvex {

@@ -16,7 +16,6 @@ typedef void* (*trvx_calloc_fn)(size_t, size_t);
 typedef void* (*trvx_realloc_fn)(void*, size_t);
 typedef void (*trvx_free_fn)(void*);
 typedef void* (*trvx_memalign_fn)(size_t, size_t);
-typedef int (*trvx_posix_memalign_fn)(void**, size_t, size_t);
 typedef size_t (*trvx_usable_size_fn)(void*);
 }
 
@@ -27,9 +26,6 @@ extern trvx_calloc_fn g_next_calloc;
 extern trvx_realloc_fn g_next_realloc;
 extern trvx_free_fn g_next_free;
 extern trvx_memalign_fn g_next_memalign;
-extern trvx_memalign_fn g_next_aligned_alloc;
-extern trvx_posix_memalign_fn g_next_posix_memalign;
-extern trvx_malloc_fn g_next_pvalloc;
 extern trvx_usable_size_fn g_next_usable_size;
 
 // glibc's own entry points; they stay reachable whatever is preloaded.

@@ -238,6 +238,11 @@ reg_rule* tracked_reg(frame_state& fs, uint64_t reg) {
 
 // Runs a call-frame program while its location lies below target. False on
 // anything that the cached rules cannot express.
+// A factored offset. Wrapping arithmetic: malformed tables give a wrong
+// offset (which the rule's range checks then reject), never undefined
+// behaviour.
+int64_t factored(uint64_t value, int64_t factor) { return int64_t(value * uint64_t(factor)); }
+
 bool run_program(reader r, const cie_info& cie, frame_state& fs, uintptr_t& loc, uintptr_t target) {
     frame_state stack[8];
     int depth = 0;
@@ -252,7 +257,7 @@ bool run_program(reader r, const cie_info& cie, frame_state& fs, uintptr_t& loc,
         if (hi == 0x40) {
             loc += lo * cie.code_align;
         } else if (hi == 0x80) {
-            if (!set(lo, k_offset, int64_t(r.uleb()) * cie.data_align)) return false;
+            if (!set(lo, k_offset, factored(r.uleb(), cie.data_align))) return false;
         } else if (hi == 0xc0) {
             if (!set(lo, k_unsaved, 0)) return false;
         } else {
@@ -262,7 +267,7 @@ bool run_program(reader r, const cie_info& cie, frame_state& fs, uintptr_t& loc,
                 case 0x02: loc += r.u8() * cie.code_align; break;
                 case 0x03: loc += r.fixed<uint16_t>() * cie.code_align; break;
                 case 0x04: loc += r.fixed<uint32_t>() * cie.code_align; break;
-                case 0x05: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, int64_t(r.uleb()) * cie.data_align)) return false; break; }
+                case 0x05: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, factored(r.uleb(), cie.data_align))) return false; break; }
                 case 0x06: if (!set(r.uleb(), k_unsaved, 0)) return false; break;
                 case 0x07: { uint64_t reg = r.uleb(); if (reg == k_reg_rsp) return false; if (!set(reg, k_undefined, 0)) return false; break; }
                 case 0x08: if (!set(r.uleb(), k_unsaved, 0)) return false; break;
@@ -274,13 +279,13 @@ bool run_program(reader r, const cie_info& cie, frame_state& fs, uintptr_t& loc,
                 case 0x0e: fs.cfa_off = int64_t(r.uleb()); break;
                 case 0x0f: { fs.cfa_expr = true; uint64_t n = r.uleb(); r.p += n; break; }
                 case 0x10: case 0x16: { uint64_t reg = r.uleb(); uint64_t n = r.uleb(); r.p += n; if (reg == k_reg_rsp || !set(reg, k_other, 0)) return false; break; }
-                case 0x11: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, r.sleb() * cie.data_align)) return false; break; }
-                case 0x12: fs.cfa_reg = unsigned(r.uleb()); fs.cfa_off = r.sleb() * cie.data_align; fs.cfa_expr = false; break;
-                case 0x13: fs.cfa_off = r.sleb() * cie.data_align; break;
+                case 0x11: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, factored(uint64_t(r.sleb()), cie.data_align))) return false; break; }
+                case 0x12: fs.cfa_reg = unsigned(r.uleb()); fs.cfa_off = factored(uint64_t(r.sleb()), cie.data_align); fs.cfa_expr = false; break;
+                case 0x13: fs.cfa_off = factored(uint64_t(r.sleb()), cie.data_align); break;
                 case 0x14: { uint64_t reg = r.uleb(); r.uleb(); if (reg == k_reg_rsp || !set(reg, k_other, 0)) return false; break; }
                 case 0x15: { uint64_t reg = r.uleb(); r.sleb(); if (reg == k_reg_rsp || !set(reg, k_other, 0)) return false; break; }
                 case 0x2e: r.uleb(); break;  // GNU_args_size
-                case 0x2f: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, -int64_t(r.uleb()) * cie.data_align)) return false; break; }
+                case 0x2f: { uint64_t reg = r.uleb(); if (!set(reg, k_offset, factored(0 - r.uleb(), cie.data_align))) return false; break; }
                 default: return false;
             }
         }

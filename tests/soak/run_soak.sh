@@ -15,7 +15,7 @@
 # exit status, finish within the time limit, print no tarvex fault, and the
 # probe library must confirm that a process of that name was tracked (see
 # soak_probe.c). Modes add TARVEX_TOP with a log file and a top report at
-# exit (top), or TARVEX_NOBACKTRACE (nobt).
+# exit (top), or TARVEX_NOBACKTRACE (nobt), or both.
 set -uo pipefail
 
 self=$(readlink -f "$0")
@@ -52,7 +52,7 @@ openssl     openssl    -         digests, symmetric cipher, base64
 diff        diff       -         unified diff of two files
 patch       patch      -         applies a unified diff
 bc          bc         -         arbitrary precision arithmetic
-objdump     objdump    nobt      disassembly of a binary
+objdump     objdump    top,nobt  disassembly of a binary
 node        node       -         objects, maps, sorting and JSON in JavaScript
 '
 

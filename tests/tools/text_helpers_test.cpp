@@ -40,6 +40,9 @@ TEST(Presentation, Bytes) {
     EXPECT_EQ(blocks_text(1), "1 block");
     EXPECT_EQ(blocks_text(0), "0 blocks");
     EXPECT_EQ(uid_hex(0xab), "000000ab");
+    EXPECT_EQ(signed_blocks(11, 1), "+10 blocks");
+    EXPECT_EQ(signed_blocks(1, 2), "-1 block");
+    EXPECT_EQ(signed_blocks(3, 3), "+0 blocks");
 }
 
 TEST(Presentation, SiteLabelSkipsAllocatorFrames) {

@@ -78,7 +78,7 @@ std::string label_of(const call_stack* stack, symboliser& symbols) {
 void write_chart(std::ostream& out, const top_history& history, const std::string& id,
                  symboliser& symbols) {
     out << "<section class=\"chart-section\"><h3>Live bytes per call site</h3>\n"
-        << "<p class=\"hint\">The " << k_chart_series
+        << "<p class=\"hint\">Up to " << k_chart_series
         << " call sites with the most live bytes, over the top reports of this input."
            " A gap: the site was not listed in that report. Click a legend entry to hide"
            " or show its line.</p>\n"
@@ -121,8 +121,8 @@ void write_suspects(std::ostream& out, const top_history& history, symboliser& s
             << human_bytes(suspect.first.bytes) << "</td><td>" << human_bytes(suspect.last.bytes)
             << " (" << blocks_text(suspect.last.blocks) << ")</td><td class=\"grow\">+"
             << human_bytes(suspect.last.bytes - suspect.previous.bytes) << ", "
-            << static_cast<std::int64_t>(suspect.last.blocks - suspect.previous.blocks)
-            << " blocks (since report " << suspect.previous_report + 1 << ")</td><td>"
+            << signed_blocks(suspect.last.blocks, suspect.previous.blocks) << " (since report "
+            << suspect.previous_report + 1 << ")</td><td>"
             << suspect.listed << "</td></tr>\n<tr class=\"stack-row\"><td></td><td colspan=\"5\">"
             << "<details><summary>call stack</summary>\n";
         if (site.stack) write_stack(out, *site.stack, symbols);

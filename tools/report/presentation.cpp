@@ -90,4 +90,9 @@ std::string blocks_text(std::uint64_t blocks) {
     return std::to_string(blocks) + (blocks == 1 ? " block" : " blocks");
 }
 
+std::string signed_blocks(std::uint64_t now, std::uint64_t before) {
+    std::uint64_t change = now >= before ? now - before : before - now;
+    return (now >= before ? "+" : "-") + blocks_text(change);
+}
+
 }  // namespace tarvex::report

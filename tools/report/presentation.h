@@ -39,4 +39,7 @@ std::string human_bytes(std::uint64_t bytes);
 // "1 block", "3 blocks".
 std::string blocks_text(std::uint64_t blocks);
 
+// The change from `before` to `now`: "+10 blocks", "-1 block", "+0 blocks".
+std::string signed_blocks(std::uint64_t now, std::uint64_t before);
+
 }  // namespace tarvex::report

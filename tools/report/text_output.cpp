@@ -107,12 +107,6 @@ void write_partial(std::ostream& out, const partial_report& part, symboliser& sy
     write_stacks(out, part.stacks, symbols);
 }
 
-// "+10 blocks", "-1 block", "+0 blocks".
-std::string signed_blocks(std::uint64_t now, std::uint64_t before) {
-    std::uint64_t change = now >= before ? now - before : before - now;
-    return (now >= before ? "+" : "-") + blocks_text(change);
-}
-
 std::string point_text(const std::optional<site_point>& point) {
     if (!point) return "-";
     return std::to_string(point->bytes) + "/" + std::to_string(point->blocks);

@@ -254,13 +254,14 @@ bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {
 
 void mem_stats::trace_start() {
     scoped_lock lock(&m_mutex);
-    m_trace_on = true;
+    // Stored atomically: may_trace() reads the flag without the mutex.
+    __atomic_store_n(&m_trace_on, true, __ATOMIC_RELAXED);
     m_trace_thread = pthread_self();
 }
 
 void mem_stats::trace_stop() {
     scoped_lock lock(&m_mutex);
-    m_trace_on = false;
+    __atomic_store_n(&m_trace_on, false, __ATOMIC_RELAXED);
     m_trace_thread = 0;
 }
 

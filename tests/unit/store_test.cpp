@@ -1,0 +1,295 @@
+// The statistics store: registry and per-uid counters, the quarantine, trace
+// recording and the trace dump.
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <thread>
+
+#include "unit_support.h"
+
+namespace {
+
+using tarvex::block_info;
+using tarvex::mem_stats;
+using unit::fake_addr;
+using unit::make_block;
+
+class Store : public unit::seams {
+protected:
+    mem_stats stats;
+
+    std::pair<uint64_t, uint64_t> counters(uint32_t uid) {
+        uint64_t count = 0, size = 0;
+        stats.uid_counters(uid, count, size);
+        return {count, size};
+    }
+    void insert(void* addr, size_t size, uint32_t uid) {
+        block_info bi = make_block(addr, size, uid);
+        stats.insert_block_info(bi);
+    }
+    // Releases into the quarantine and drains it, as the release path does;
+    // returns what was given back, oldest first.
+    std::vector<void*> release(void* addr, size_t size, uint32_t alloc_uid = 1, uint32_t free_uid = 2) {
+        block_info bi = make_block(addr, size, alloc_uid, free_uid);
+        stats.delayed_free(bi);
+        std::vector<void*> given_back;
+        while (void* p = stats.get_next_to_free()) given_back.push_back(p);
+        return given_back;
+    }
+};
+
+void expect_same_record(const block_info& a, const block_info& b) {
+    EXPECT_EQ(a.m_addr, b.m_addr);
+    EXPECT_EQ(a.m_size, b.m_size);
+    EXPECT_EQ(a.m_alloc_size, b.m_alloc_size);
+    EXPECT_EQ(a.m_alloc_uid, b.m_alloc_uid);
+    EXPECT_EQ(a.m_free_uid, b.m_free_uid);
+}
+
+TEST_F(Store, EnvironmentSettingsAreReadAsSet) {
+    EXPECT_TRUE(mem_stats::get_alloc_stat_on());  // TARVEX_TOP is the empty string
+    EXPECT_EQ(std::string(mem_stats::get_log_file_name()), unit::log_path());
+    EXPECT_EQ(std::string(mem_stats::get_clear_stats_file_name()), unit::clear_path());
+}
+
+TEST_F(Store, RegistrationIsCountedPerUidAndRemovalCountsDown) {
+    block_info bi = make_block(fake_addr(1), 100, 0x77);
+    stats.insert_block_info(bi);
+    EXPECT_EQ(counters(0x77), std::make_pair(uint64_t(1), uint64_t(100)));
+    EXPECT_EQ(stats.total_size(), 100u);
+    EXPECT_EQ(stats.total_count(), 1u);
+    EXPECT_EQ(stats.live_block_count(), 1u);
+
+    block_info out;
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(1), out));
+    expect_same_record(out, bi);
+    EXPECT_EQ(counters(0x77), std::make_pair(uint64_t(0), uint64_t(0)));
+    EXPECT_EQ(stats.total_size(), 0u);
+    EXPECT_EQ(stats.total_count(), 1u);  // never counted down
+    EXPECT_EQ(stats.live_block_count(), 0u);
+}
+
+TEST_F(Store, SameAddressTwiceKeepsTheSecondRecordAndCountsBoth) {
+    insert(fake_addr(1), 10, 0x1);
+    insert(fake_addr(1), 30, 0x2);
+    block_info found;
+    ASSERT_TRUE(stats.find_block_info(fake_addr(1), found));
+    EXPECT_EQ(found.m_size, 30u);
+    EXPECT_EQ(stats.live_block_count(), 1u);
+    EXPECT_EQ(counters(0x1), std::make_pair(uint64_t(1), uint64_t(10)));
+    EXPECT_EQ(counters(0x2), std::make_pair(uint64_t(1), uint64_t(30)));
+    EXPECT_EQ(stats.total_size(), 40u);
+    EXPECT_EQ(stats.total_count(), 2u);
+
+    block_info out;
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(1), out));
+    EXPECT_EQ(out.m_alloc_uid, 0x2u);
+    EXPECT_EQ(counters(0x1), std::make_pair(uint64_t(1), uint64_t(10)));
+    EXPECT_EQ(counters(0x2), std::make_pair(uint64_t(0), uint64_t(0)));
+    EXPECT_EQ(stats.total_size(), 10u);
+}
+
+TEST_F(Store, RemovingAnUnknownAddressChangesNothing) {
+    insert(fake_addr(1), 10, 0x1);
+    insert(fake_addr(2), 20, 0x1);
+    block_info out = make_block(fake_addr(99), 99, 0x99, 0x99);
+    for (void* unknown : {fake_addr(3), static_cast<void*>(static_cast<char*>(fake_addr(1)) + 1), (void*)nullptr})
+        EXPECT_FALSE(stats.find_and_remove_block_info(unknown, out));
+    expect_same_record(out, make_block(fake_addr(99), 99, 0x99, 0x99));
+    EXPECT_EQ(stats.live_block_count(), 2u);
+    EXPECT_EQ(counters(0x1), std::make_pair(uint64_t(2), uint64_t(30)));
+    EXPECT_EQ(stats.total_size(), 30u);
+    EXPECT_EQ(stats.total_count(), 2u);
+
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(1), out));
+    EXPECT_FALSE(stats.find_and_remove_block_info(fake_addr(1), out));
+    EXPECT_EQ(counters(0x1), std::make_pair(uint64_t(1), uint64_t(20)));
+}
+
+TEST_F(Store, RemovalAfterTheCountersWereClearedStillLowersTheTotal) {
+    insert(fake_addr(1), 10, 0x1);
+    insert(fake_addr(2), 20, 0x2);
+    stats.clear_alloc_stats();
+    EXPECT_TRUE(stats.m_uid_stats.empty());
+    EXPECT_EQ(stats.total_size(), 30u);
+    EXPECT_EQ(stats.total_count(), 2u);
+    block_info out;
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(1), out));
+    // The site is either absent or at zero: it is never reported.
+    EXPECT_EQ(counters(0x1), std::make_pair(uint64_t(0), uint64_t(0)));
+    EXPECT_EQ(stats.total_size(), 20u);
+    insert(fake_addr(3), 5, 0x2);
+    EXPECT_EQ(counters(0x2), std::make_pair(uint64_t(1), uint64_t(5)));
+}
+
+// ---------------------------------------------------------------- quarantine
+
+TEST_F(Store, QuarantineHoldsTenMebibytesOldestFirst) {
+    const int fit = 8192;  // 8192 blocks of 1000 + 280 bytes are exactly 10485760
+    for (int i = 0; i < fit; ++i) ASSERT_TRUE(release(fake_addr(i), 1000).empty()) << i;
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+    EXPECT_EQ(stats.quarantine_block_count(), size_t(fit));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(release(fake_addr(fit + i), 1000), std::vector<void*>{fake_addr(i)});
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+    EXPECT_EQ(stats.m_delayed_free_bi_map.size(), size_t(fit));
+}
+
+TEST_F(Store, BlockLargerThanTheQuarantineFlushesEverythingThenItself) {
+    for (int i = 0; i < 3; ++i) release(fake_addr(i), 1000);
+    EXPECT_EQ(release(fake_addr(10), 10485481),
+              (std::vector<void*>{fake_addr(0), fake_addr(1), fake_addr(2), fake_addr(10)}));
+    EXPECT_EQ(stats.quarantine_bytes(), 0u);
+    EXPECT_EQ(stats.quarantine_block_count(), 0u);
+    EXPECT_TRUE(stats.m_delayed_free_bi_map.empty());
+}
+
+TEST_F(Store, BlockOfExactlyTheLimitStays) {
+    EXPECT_TRUE(release(fake_addr(0), 10485480).empty());
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+    // One more byte anywhere pushes the big block out.
+    EXPECT_EQ(release(fake_addr(1), 1), std::vector<void*>{fake_addr(0)});
+    EXPECT_EQ(stats.quarantine_bytes(), 281u);
+}
+
+TEST_F(Store, EmptyQuarantineGivesNothingBackWhateverTheSum) {
+    EXPECT_EQ(stats.get_next_to_free(), nullptr);
+    stats.m_delayed_free_size = uint64_t(1) << 40;
+    EXPECT_EQ(stats.get_next_to_free(), nullptr);
+}
+
+TEST_F(Store, FindInFreedListFindsExactAddressesWhileQuarantined) {
+    block_info first = make_block(fake_addr(5), 10485000, 0xA, 0xF1);
+    stats.delayed_free(first);
+    block_info out = make_block(nullptr, 0, 0);
+    ASSERT_TRUE(stats.find_in_freed_list(fake_addr(5), out));
+    expect_same_record(out, first);
+    block_info untouched = out;
+    EXPECT_FALSE(stats.find_in_freed_list(static_cast<char*>(fake_addr(5)) + 16, out));
+    expect_same_record(out, untouched);
+    release(fake_addr(6), 1000);  // pushes the first block out
+    EXPECT_FALSE(stats.find_in_freed_list(fake_addr(5), out));
+    EXPECT_TRUE(stats.find_in_freed_list(fake_addr(6), out));
+}
+
+TEST_F(Store, BrokenQuarantineInvariantsStopTheProcess) {
+    const struct {
+        void* queued;
+        const char* message;
+    } rows[] = {
+        {nullptr, "lib/trvx_stat:347: void* tarvex::mem_stats::get_next_to_free(): Assertion `p' failed."},
+        {fake_addr(1), "lib/trvx_stat:349: void* tarvex::mem_stats::get_next_to_free(): "
+                       "Assertion `iter != m_delayed_free_bi_map.end()' failed."},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EXIT(
+            {
+                stats.m_delayed_free_queue.push_back(r.queued);
+                stats.m_delayed_free_size = 2 * tarvex::k_quarantine_limit;
+                stats.get_next_to_free();
+            },
+            ::testing::KilledBySignal(SIGABRT), unit::literal(r.message));
+    }
+}
+
+// ---------------------------------------------------------------- trace
+
+// Runs f on a thread of its own and waits for it.
+template <class F>
+void on_other_thread(F f) {
+    std::thread(f).join();
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> uids_of(const mem_stats& stats) {
+    std::vector<std::pair<uint32_t, uint32_t>> v;
+    for (const block_info& r : stats.m_trace_list) v.emplace_back(r.m_alloc_uid, r.m_free_uid);
+    return v;
+}
+
+TEST_F(Store, TraceRecordsOnlyTheTracingThread) {
+    insert(fake_addr(0), 8, 0x10);  // before the start
+    stats.trace_start();
+    EXPECT_TRUE(stats.m_trace_on);
+    EXPECT_TRUE(pthread_equal(stats.m_trace_thread, pthread_self()));
+    insert(fake_addr(1), 8, 0x11);
+    on_other_thread([&] {
+        insert(fake_addr(2), 8, 0x12);
+        release(fake_addr(2), 8, 0x12, 0x22);
+    });
+    release(fake_addr(0), 8, 0x10, 0x20);  // allocated before the trace: a release record only
+    EXPECT_EQ(uids_of(stats), (std::vector<std::pair<uint32_t, uint32_t>>{{0x11, 0}, {0x10, 0x20}}));
+
+    // A start in another thread hands the trace over and keeps the records.
+    on_other_thread([&] {
+        stats.trace_start();
+        insert(fake_addr(3), 8, 0x13);
+    });
+    insert(fake_addr(4), 8, 0x14);
+    EXPECT_EQ(uids_of(stats).size(), 3u);
+    EXPECT_EQ(uids_of(stats).back(), std::make_pair(0x13u, 0u));
+
+    stats.trace_stop();  // any thread may stop it
+    EXPECT_FALSE(stats.m_trace_on);
+    EXPECT_EQ(stats.m_trace_thread, pthread_t(0));
+    insert(fake_addr(5), 8, 0x15);
+    EXPECT_EQ(stats.trace_length(), 3u);
+}
+
+TEST_F(Store, ClearEmptiesTheListAndKeepsTheTraceRunning) {
+    stats.trace_start();
+    insert(fake_addr(1), 8, 1);
+    insert(fake_addr(2), 8, 2);
+    stats.trace_clear();
+    EXPECT_EQ(stats.trace_length(), 0u);
+    EXPECT_TRUE(stats.m_trace_on);
+    insert(fake_addr(3), 8, 3);
+    EXPECT_EQ(uids_of(stats), (std::vector<std::pair<uint32_t, uint32_t>>{{3, 0}}));
+}
+
+std::string uid_entry(uint32_t uid, const std::string& frame_text) {
+    char head[32];
+    snprintf(head, sizeof head, "uid: %08x, bt: ", uid);
+    return head + frame_text + "\n\n";
+}
+
+TEST_F(Store, TraceDumpIsWrittenByteForByte) {
+    const std::string uid_header = "\n----------uid to bt----------\n";
+    const std::string trace_header = "\n----------trace----------\n";
+    stats.trace_dump();
+    EXPECT_EQ(unit::read_file(unit::log_path()), uid_header + trace_header);
+    unit::remove_file(unit::log_path());
+
+    // Stacks of 5, 2 and 3 frames: the first two lines are skipped only when
+    // there are three or more.
+    tarvex::backtrace s5(unit::fake_frames(5, 31)), s2(unit::fake_frames(2, 32)), s3(unit::fake_frames(3, 33));
+    for (tarvex::backtrace* bt : {&s5, &s2, &s3}) g_ctx->m_symbols.update_bt_cache(*bt);
+    const uint32_t u5 = s5.get_cookie(), u2 = s2.get_cookie(), u3 = s3.get_cookie();
+    std::map<uint32_t, std::string> frame_text = {{u5, "\nL2\nL3\nL4"}, {u2, "\nL0\nL1"}, {u3, "\nL2"}, {0, ""}};
+
+    stats.trace_start();
+    insert(fake_addr(1), 24, u5);
+    insert(fake_addr(2), 4096, u5);
+    release(fake_addr(1), 24, u5, u2);
+    insert(fake_addr(3), 7, 0);
+    release(fake_addr(4), 1, u2, u3);
+    std::string expected = uid_header;
+    for (const auto& e : frame_text) expected += uid_entry(e.first, e.second);  // ascending uids
+    expected += trace_header;
+    char line[128];
+    const struct {
+        uint32_t alloc, free;
+        int size;
+    } records[] = {{u5, 0, 24}, {u5, 0, 4096}, {u5, u2, 24}, {0, 0, 7}, {u2, u3, 1}};
+    for (const auto& r : records) {
+        snprintf(line, sizeof line, "alloc_uid: %08x, free_uid: %08x, size: %d\n", r.alloc, r.free, r.size);
+        expected += line;
+    }
+    stats.trace_dump();
+    stats.trace_dump();  // the list is not consumed
+    EXPECT_EQ(unit::read_file(unit::log_path()), expected + expected);
+    EXPECT_TRUE(stats.m_trace_on);
+}
+
+}  // namespace

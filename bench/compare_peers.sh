@@ -116,12 +116,24 @@ run_tool() {  # tool, threads
 
 # ------------------------------------------------------------------ runs
 
+# The commit measured, when the sources are a git checkout.
+source_version() {
+  local v top
+  top=$(git -C "$root" rev-parse --show-toplevel 2>/dev/null || true)
+  if [[ $top == "$root" ]] && v=$(git -C "$root" describe --always --dirty 2>/dev/null); then
+    echo "$root at $v"
+  else
+    echo "$root"
+  fi
+}
+
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 {
   echo "# Heap checkers on the churn workload ($(date -u +%Y-%m-%dT%H:%MZ))"
   echo ""
   echo "Machine: $(nproc) cores, ${cpu:-unknown CPU}, $(ldd --version 2>/dev/null | head -n1 | sed 's/^ldd //'),"
   echo "load average at start: $(cut -d' ' -f1-3 /proc/loadavg). Rounds: $rounds (medians)."
+  echo "Sources: $(source_version)."
   echo ""
 } | tee "$tables"
 

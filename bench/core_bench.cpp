@@ -3,6 +3,7 @@
 // its uid, the stack cache, the footer, the registry and the quarantine.
 // bench/run.sh sets them beside the whole tracked path.
 #include <benchmark/benchmark.h>
+#include <execinfo.h>
 
 #include <cstdint>
 #include <cstring>
@@ -24,8 +25,8 @@ tarvex::thread_map& shared_guard() {
     return *map;
 }
 
-// One take and one release, as every tracked call does. With two threads
-// both contend for the guard's mutex, as two allocating threads do.
+// One take and one release of a slot (the form the control functions use).
+// With two threads both contend for the guard's mutex.
 void BM_guard_take_release(benchmark::State& state) {
     tarvex::thread_map& guard = shared_guard();
     for (auto _ : state) {
@@ -36,10 +37,30 @@ void BM_guard_take_release(benchmark::State& state) {
 }
 BENCHMARK(BM_guard_take_release)->Threads(1)->Threads(2)->UseRealTime();
 
+// The thread-local form that the allocation paths take on every tracked call.
+void BM_guard_try_enter_leave(benchmark::State& state) {
+    tarvex::thread_map& guard = shared_guard();
+    for (auto _ : state) {
+        bool taken = guard.try_enter();
+        benchmark::DoNotOptimize(taken);
+        if (taken) guard.leave();
+    }
+}
+BENCHMARK(BM_guard_try_enter_leave)->Threads(1)->Threads(2)->UseRealTime();
+
 // ---------------------------------------------------------------- call stacks
 
-// tarvex's capture (glibc backtrace and the uid) at the benchmark's own depth.
-void BM_backtrace_capture(benchmark::State& state) {
+// Runs body with `extra` more frames on the stack than the caller has.
+__attribute__((noinline)) void run_deeper(int extra, benchmark::State& state,
+                                          void (*body)(benchmark::State&)) {
+    if (extra <= 0) return body(state);
+    run_deeper(extra - 1, state, body);
+    asm volatile("" ::: "memory");  // a real call, not a jump
+}
+
+// tarvex's capture (return addresses and uid), and glibc's backtrace() for
+// comparison, at the benchmark's own depth plus the argument.
+__attribute__((noinline)) void capture_loop(benchmark::State& state) {
     int frames = 0;
     for (auto _ : state) {
         tarvex::backtrace bt;
@@ -48,7 +69,24 @@ void BM_backtrace_capture(benchmark::State& state) {
     }
     state.SetLabel("frames:" + std::to_string(frames));
 }
-BENCHMARK(BM_backtrace_capture);
+void BM_backtrace_capture(benchmark::State& state) {
+    run_deeper(static_cast<int>(state.range(0)), state, capture_loop);
+}
+BENCHMARK(BM_backtrace_capture)->Arg(0)->Arg(20);
+
+__attribute__((noinline)) void glibc_loop(benchmark::State& state) {
+    void* frames[tarvex::backtrace::k_capacity];
+    int n = 0;
+    for (auto _ : state) {
+        n = ::backtrace(frames, tarvex::backtrace::k_capacity);
+        benchmark::DoNotOptimize(frames);
+    }
+    state.SetLabel("frames:" + std::to_string(n));
+}
+void BM_glibc_backtrace(benchmark::State& state) {
+    run_deeper(static_cast<int>(state.range(0)), state, glibc_loop);
+}
+BENCHMARK(BM_glibc_backtrace)->Arg(0)->Arg(20);
 
 // The uid alone, over as many return addresses as the argument.
 void BM_stack_uid(benchmark::State& state) {
@@ -154,7 +192,7 @@ BENCHMARK(BM_registry_insert_remove)->Arg(10000)->Arg(2000000)->Threads(1)->Thre
 // ---------------------------------------------------------------- quarantine
 
 // Steady state of a full 10 MiB quarantine of 312-byte blocks: each release
-// enters one block and lets the oldest one go.
+// enters one block and takes the ones now due, as a tracked free does.
 void BM_quarantine_cycle(benchmark::State& state) {
     static tarvex::mem_stats* store = new tarvex::mem_stats();
     static uintptr_t next = 0x200000000ULL;
@@ -164,8 +202,11 @@ void BM_quarantine_cycle(benchmark::State& state) {
         next += 512;
         bi.m_size = 32;
         bi.m_alloc_size = 32 + tarvex::k_footer_size;
-        store->delayed_free(bi);
-        while (void* p = store->get_next_to_free()) benchmark::DoNotOptimize(p);
+        void* due[16];
+        size_t n = store->delayed_free_and_take(bi, due, 16);
+        benchmark::DoNotOptimize(due);
+        if (n == 16)
+            while (void* p = store->get_next_to_free()) benchmark::DoNotOptimize(p);
     };
     while (store->quarantine_bytes() + 312 <= tarvex::k_quarantine_limit) release();
     for (auto _ : state) release();

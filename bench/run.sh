@@ -139,11 +139,23 @@ function ratio(v, base) { if (v == "" || base == "" || base + 0 == 0) return "n/
 
 # ------------------------------------------------------------------ machine
 
+# The commit measured, when the sources are a git checkout.
+source_version() {
+  local v top
+  top=$(git -C "$root" rev-parse --show-toplevel 2>/dev/null || true)
+  if [[ $top == "$root" ]] && v=$(git -C "$root" describe --always --dirty 2>/dev/null); then
+    echo "$root at $v"
+  else
+    echo "$root"
+  fi
+}
+
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 say "# tarvex benchmarks ($(date -u +%Y-%m-%dT%H:%MZ))"
 say ""
 say "Machine: $(nproc) cores, ${cpu:-unknown CPU}, $(ldd --version 2>/dev/null | head -n1 | sed 's/^ldd //'),"
 say "load average at start: $(cut -d' ' -f1-3 /proc/loadavg). Rounds: $rounds (medians over rounds and repetitions)."
+say "Sources: $(source_version)."
 say ""
 
 # ------------------------------------------------------------------ frame cost
@@ -204,7 +216,10 @@ if has_section parts && [[ -x $core_bin ]]; then
       print "|---|---:|---:|"
       for (i = 1; i <= n; i++) printf "| %s | %s | %s |\n", order[i], fmt(median(cpu[order[i]])), fmt(median(real[order[i]]))
       print ""
-      print "Guard: one check_and_set_current_thread + remove_current_thread; with 2 threads both use one guard."
+      print "Guard: take_release is check_and_set_current_thread + remove_current_thread (a slot under the guard'"'"'s mutex);"
+      print "try_enter_leave is the thread-local form that tracked allocation calls take. With 2 threads both use one guard."
+      print "Capture: tarvex::backtrace (return addresses and uid) and glibc backtrace() at the benchmark'"'"'s own depth"
+      print "plus the argument (frames: the return addresses captured)."
       print "Registry: insert + find_and_remove of one block among N held ones. Quarantine: one block in, the oldest out, 10 MiB full."
       print ""
     }' "$raw" | tee -a "$tables"
@@ -246,7 +261,7 @@ if has_section work; then
         }
         print "pair: malloc(32) + free. churn: free one of 64 slots, malloc 16..511 bytes into it (one op). Frames: stack depth at the malloc call."
         print ""
-        print "| workload | frames | held | threads | plain | untracked | tracked | tracked, no stacks | stack share | backtrace() alone |"
+        print "| workload | frames | held | threads | plain | untracked | tracked | tracked, no stacks | stack share | glibc backtrace() alone |"
         print "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|"
         for (i = 1; i <= n; i++) {
           split(order[i], p, "|")
@@ -258,7 +273,8 @@ if has_section work; then
             fmt(b), fmt(u), ratio(u, b), fmt(t), ratio(t, b), fmt(s), ratio(s, b), share, fmt(bt)
         }
         print ""
-        print "stack share: (tracked - tracked, no stacks) / tracked. A pair captures two stacks, a churn op two (free and malloc)."
+        print "stack share: (tracked - tracked, no stacks) / tracked; a pair and a churn op each capture two stacks (malloc and free)."
+        print "glibc backtrace() alone: one call of glibc'"'"'s backtrace() from where the workload calls malloc, for comparison."
         print ""
       }' "$raw" | tee -a "$tables"
   done

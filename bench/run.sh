@@ -12,11 +12,13 @@
 # several repetitions inside) and the median is reported.
 #
 # usage: bench/run.sh [--quick] [--rounds N] [--build DIR] [--out DIR]
-#                     [--sections frame,parts,work,rss]
+#                     [--sections frame,parts,work,rss] [--from FILE]...
 #   --quick     a short pass (fewer rounds, shorter runs, 200k held blocks)
 #   --build     build directory (default: build-bench beside this checkout's
 #               sources); configured and built with -j2 when needed
 #   --out       where raw results and tables.md go (default BUILD/bench-results/DATE)
+#   --from      run nothing: print the tables from the raw results of earlier
+#               runs (results.txt; repeatable, the medians are taken over all)
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -25,6 +27,7 @@ out=""
 rounds=3
 quick=0
 sections=frame,parts,work,rss
+from=()
 
 while (($#)); do
   case $1 in
@@ -33,7 +36,8 @@ while (($#)); do
     --build) build=$2; shift ;;
     --out) out=$2; shift ;;
     --sections) sections=$2; shift ;;
-    -h|--help) sed -n '2,22p' "$0"; exit 0 ;;
+    --from) from+=("$2"); shift ;;
+    -h|--help) sed -n '2,24p' "$0"; exit 0 ;;
     *) echo "run.sh: unknown argument $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -57,26 +61,30 @@ unset LD_PRELOAD TARVEX_TARGET_PROC_NAME TARVEX_NOBACKTRACE TARVEX_TOP \
 
 # ------------------------------------------------------------------ build
 
-if [[ ! -f $build/CMakeCache.txt ]]; then
-  echo "run.sh: configuring $build" >&2
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVEX_BUILD_TESTS=OFF >/dev/null
-fi
-cmake --build "$build" -j2 --target tarvex tarvex_bench >/dev/null
-if cmake --build "$build" --target help | grep tarvex_core_bench >/dev/null; then
-  cmake --build "$build" -j2 --target tarvex_core_bench >/dev/null
-fi
 bin=$build/bin/tarvex_bench
 core_bin=$build/bin/tarvex_core_bench
 lib=$build/lib/libtarvex.so
-for f in "$bin" "$lib"; do
-  [[ -e $f ]] || { echo "run.sh: $f is missing after the build" >&2; exit 1; }
-done
 gbench=1
-if ! "$bin" --benchmark_list_tests >/dev/null 2>&1; then
-  gbench=0
-  echo "run.sh: tarvex_bench was built without Google Benchmark (libbenchmark-dev): no frame-cost section" >&2
+if ((${#from[@]})); then
+  rounds=0
+elif [[ ! -f $build/CMakeCache.txt ]]; then
+  echo "run.sh: configuring $build" >&2
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVEX_BUILD_TESTS=OFF >/dev/null
 fi
-[[ -x $core_bin ]] || echo "run.sh: tarvex_core_bench is missing (libbenchmark-dev): no parts section" >&2
+if ((rounds > 0)); then
+  cmake --build "$build" -j2 --target tarvex tarvex_bench >/dev/null
+  if cmake --build "$build" --target help | grep tarvex_core_bench >/dev/null; then
+    cmake --build "$build" -j2 --target tarvex_core_bench >/dev/null
+  fi
+  for f in "$bin" "$lib"; do
+    [[ -e $f ]] || { echo "run.sh: $f is missing after the build" >&2; exit 1; }
+  done
+  if ! "$bin" --benchmark_list_tests >/dev/null 2>&1; then
+    gbench=0
+    echo "run.sh: tarvex_bench was built without Google Benchmark (libbenchmark-dev): no frame-cost section" >&2
+  fi
+  [[ -x $core_bin ]] || echo "run.sh: tarvex_core_bench is missing (libbenchmark-dev): no parts section" >&2
+fi
 
 [[ -n $out ]] || out=$build/bench-results/$(date +%Y%m%d-%H%M%S)
 mkdir -p "$out"
@@ -84,6 +92,9 @@ raw=$out/results.txt
 tables=$out/tables.md
 : >"$raw"
 : >"$tables"
+if ((${#from[@]})); then
+  cat "${from[@]}" >"$raw"
+fi
 
 # One run of the benchmark program in one of the four ways.
 run_mode() {
@@ -154,8 +165,12 @@ cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 say "# tarvex benchmarks ($(date -u +%Y-%m-%dT%H:%MZ))"
 say ""
 say "Machine: $(nproc) cores, ${cpu:-unknown CPU}, $(ldd --version 2>/dev/null | head -n1 | sed 's/^ldd //'),"
-say "load average at start: $(cut -d' ' -f1-3 /proc/loadavg). Rounds: $rounds (medians over rounds and repetitions)."
-say "Sources: $(source_version)."
+if ((${#from[@]})); then
+  say "Tables from earlier runs: ${from[*]} (medians over all their rounds and repetitions)."
+else
+  say "load average at start: $(cut -d' ' -f1-3 /proc/loadavg). Rounds: $rounds (medians over rounds and repetitions)."
+  say "Sources: $(source_version)."
+fi
 say ""
 
 # ------------------------------------------------------------------ frame cost
@@ -197,7 +212,7 @@ fi
 
 # ------------------------------------------------------------------ parts
 
-if has_section parts && [[ -x $core_bin ]]; then
+if has_section parts && [[ -x $core_bin || ${#from[@]} -gt 0 ]]; then
   echo "run.sh: parts of the tracked path (tarvex_core_bench)" >&2
   for ((r = 1; r <= rounds; r++)); do
     "$core_bin" --benchmark_repetitions=$gb_reps --benchmark_report_aggregates_only=true \
@@ -306,5 +321,6 @@ if has_section rss; then
     }' "$raw" | tee -a "$tables"
 fi
 
-say "Load average at the end: $(cut -d' ' -f1-3 /proc/loadavg). The machine was shared with other work while this ran."
+((${#from[@]})) ||
+  say "Load average at the end: $(cut -d' ' -f1-3 /proc/loadavg). The machine was shared with other work while this ran."
 echo "run.sh: raw results in $raw, tables in $tables" >&2

@@ -18,13 +18,19 @@
 namespace {
 
 std::atomic<int> g_ready{0};
-int g_threads;
+std::atomic<bool> g_go{false};
 
-// All threads spin until the last one arrives, then release at once.
+// Every thread spins until main lets them all go at once.
 void start_together() {
     g_ready.fetch_add(1);
-    while (g_ready.load() < g_threads) {
+    while (!g_go.load()) {
     }
+}
+
+void go(int threads) {
+    while (g_ready.load() < threads) {
+    }
+    g_go = true;
 }
 
 void* release(void* p) {
@@ -51,9 +57,9 @@ void finish(pthread_t* threads, int n) {
 int same_block() {
     char* p = static_cast<char*>(malloc(48));
     fprintf(stderr, "a=%p\n", static_cast<void*>(p));
-    g_threads = 2;
     pthread_t threads[2];
     for (pthread_t& t : threads) pthread_create(&t, nullptr, release, p);
+    go(2);
     finish(threads, 2);
     return 1;
 }
@@ -68,12 +74,15 @@ int four_faults() {
     // The fourth pointer lies on a thread's stack; the test reads it from
     // the report.
     fprintf(stderr, "a=%p b=%p c=%p\n", static_cast<void*>(a), static_cast<void*>(b), static_cast<void*>(c));
-    g_threads = 4;
+    // Created in an order that changes from run to run.
     pthread_t threads[4];
-    pthread_create(&threads[0], nullptr, release, a);
-    pthread_create(&threads[1], nullptr, release, b);
-    pthread_create(&threads[2], nullptr, release, c);
-    pthread_create(&threads[3], nullptr, release_stack_pointer, nullptr);
+    int first = getpid() % 4;
+    for (int k = 0; k < 4; ++k) {
+        int i = (first + k) % 4;
+        void* arg = i == 0 ? a : i == 1 ? b : c;
+        pthread_create(&threads[k], nullptr, i == 3 ? release_stack_pointer : release, arg);
+    }
+    go(4);
     finish(threads, 4);
     return 1;
 }

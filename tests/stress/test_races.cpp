@@ -45,7 +45,9 @@ std::pair<std::string, std::string> one_report(const std::string& out) {
         i = 1;
         EXPECT_GE(l.size(), 2u) << out;
         if (l.size() < 2) return {};
-        ptr = l[1].substr(7, l[1].find(',') - 7);
+        static const std::regex block("block: 0x(0x[0-9a-f]+), len: \\d+");
+        EXPECT_TRUE(std::regex_match(l[1], m, block)) << out;
+        ptr = m[1];
     }
     // block line, magic line, alloc stack, free stack; every frame line is a
     // symbol line, nothing else is mixed in.

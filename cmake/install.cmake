@@ -40,12 +40,12 @@ set(CPACK_PACKAGE_NAME tarvex)
 set(CPACK_PACKAGE_VENDOR "tarvex developers")
 set(CPACK_PACKAGE_CONTACT "tarvex developers <tarvex@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "heap debugger preloaded into Linux programs")
-set(CPACK_PACKAGE_DESCRIPTION
-    "libtarvex.so guards every heap block of one process with a footer, poisons fresh and\n"
-    "freed memory, keeps freed blocks in a quarantine and stops on double frees, unknown\n"
-    "pointers and overwritten footers with both call stacks. The tarvex launcher runs a\n"
-    "program with it preloaded; tarvex report symbolises its reports and finds leaks.")
-string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+  "libtarvex.so guards every heap block of one process with a footer, poisons fresh\n"
+  "and freed memory, keeps freed blocks in a quarantine and stops on double frees,\n"
+  "unknown pointers and overwritten footers with both call stacks. The tarvex\n"
+  "launcher runs a program with it preloaded, and tarvex report symbolises its\n"
+  "reports and finds leak suspects.")
 set(CPACK_INSTALL_CMAKE_PROJECTS "${CMAKE_BINARY_DIR};tarvex;tarvex;/")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -193,7 +193,8 @@ TEST(LogParser, OverwrittenFooterWithEmptyStacks) {
 TEST(LogParser, BlockReportCutBeforeTheFreeStack) {
     std::string text = k_double_free;
     text = text.substr(0, text.find("free call stack:"));
-    const auto& fault = report_at<fault_report>(parse(text), 0);
+    parsed_log log = parse(text);
+    const auto& fault = report_at<fault_report>(log, 0);
     EXPECT_TRUE(fault.truncated);
     EXPECT_EQ(fault.alloc_stack.size(), 3u);
 }

@@ -72,7 +72,9 @@ add_test(NAME tools.html_browser
           ${tools_tests}/data)
 add_test(NAME tools.install
   COMMAND bash ${tools_tests}/install_test.sh ${CMAKE_BINARY_DIR} ${tools_tests}/installed)
-set_tests_properties(tools.report_units tools.launcher tools.report_runs tools.html_browser
-                     tools.install PROPERTIES LABELS tools)
+# The unit tests of the report tool also run in the sanitizer builds.
+set_tests_properties(tools.report_units PROPERTIES LABELS "tools;unit")
+set_tests_properties(tools.launcher tools.report_runs tools.html_browser tools.install
+                     PROPERTIES LABELS tools)
 # Without chromium the browser test reports itself skipped.
 set_tests_properties(tools.html_browser PROPERTIES SKIP_RETURN_CODE 77)

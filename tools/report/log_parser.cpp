@@ -30,6 +30,7 @@ private:
     bool take_trace_record(const std::string& line);
     bool take_top_line(const std::string& line);
     bool take_fault_line(const std::string& line);
+    bool take_fault_frame(const std::string& line);
     void start_fault(fault_report::kind what, const std::string& pointer);
     void close(bool cut_short);
     bool attach_assertion(const std::string& line);
@@ -188,8 +189,11 @@ bool log_parser::take_fault_line(const std::string& line) {
         m_state = state::alloc_frames;
         return true;
     default:
-        break;
+        return take_fault_frame(line);
     }
+}
+
+bool log_parser::take_fault_frame(const std::string& line) {
     if (m_state == state::alloc_frames && line == heading::free_stack) {
         m_state = state::free_frames;
         return true;

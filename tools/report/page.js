@@ -35,7 +35,11 @@
       el('text', {x: LEFT - 6, y: y(v) + 4, 'text-anchor': 'end', 'class': 'tick'}, svg)
         .textContent = bytes(v);
     }
+    // At most about a dozen report labels, the latest always among them.
+    var step = Math.max(1, Math.ceil(count / 12));
     for (var r = 0; r < count; r++) {
+      if (r % step !== 0 && r !== count - 1) continue;
+      if (r !== count - 1 && count - 1 - r < step / 2) continue;
       el('text', {x: x(r), y: H - BOTTOM + 16, 'text-anchor': 'middle', 'class': 'tick'}, svg)
         .textContent = '#' + (r + 1);
     }
@@ -55,11 +59,12 @@
 
   function drawSeries(svg, s, index, data, x, y) {
     var colour = COLOURS[index % COLOURS.length];
+    var radius = data.reports.length > 60 ? 2 : 3.5;
     var g = el('g', {'class': 'series-group', 'data-uid': s.uid}, svg);
     el('path', {d: seriesPath(s.points, x, y), stroke: colour, 'class': 'series'}, g);
     s.points.forEach(function (p, i) {
       if (!p) return;
-      var dot = el('circle', {cx: x(i), cy: y(p[0]), r: 3.5, fill: colour, 'class': 'point'}, g);
+      var dot = el('circle', {cx: x(i), cy: y(p[0]), r: radius, fill: colour, 'class': 'point'}, g);
       el('title', {}, dot).textContent = s.uid + ' ' + s.label + '\nreport #' + (i + 1) +
         ' (' + data.reports[i].place + '): ' + bytes(p[0]) + ' in ' + p[1] + ' blocks';
     });

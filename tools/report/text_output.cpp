@@ -112,17 +112,29 @@ std::string point_text(const std::optional<site_point>& point) {
     return std::to_string(point->bytes) + "/" + std::to_string(point->blocks);
 }
 
-void write_history(std::ostream& out, const parsed_log& log, symboliser& symbols) {
-    top_history history = follow_top_reports(log);
-    if (history.reports.size() < 2) return;
-    out << "=== " << log.input << ": live bytes/blocks per call site across "
-        << history.reports.size() << " top reports ('-': not listed)\n";
+// Each call site's live bytes/blocks per report; of a long series only the
+// latest reports.
+void write_series(std::ostream& out, const parsed_log& log, const top_history& history,
+                  symboliser& symbols) {
+    constexpr std::size_t shown = 10;
+    std::size_t count = history.reports.size();
+    std::size_t first = count > shown ? count - shown : 0;
+    out << "=== " << log.input << ": live bytes/blocks per call site across " << count
+        << " top reports";
+    if (first > 0) out << ", reports " << first + 1 << " to " << count << " shown";
+    out << " ('-': not listed)\n";
     for (const site_series& site : history.sites) {
-        out << "   uid " << uid_hex(site.uid) << ':';
-        for (const auto& point : site.points) out << ' ' << point_text(point);
+        out << "   uid " << uid_hex(site.uid) << ':' << (first > 0 ? " ..." : "");
+        for (std::size_t i = first; i < count; ++i) out << ' ' << point_text(site.points[i]);
         out << "\n      " << (site.stack ? site_label(*site.stack, symbols) : "(no call stack)")
             << '\n';
     }
+}
+
+void write_history(std::ostream& out, const parsed_log& log, symboliser& symbols) {
+    top_history history = follow_top_reports(log);
+    if (history.reports.size() < 2) return;
+    write_series(out, log, history, symbols);
     out << "=== " << log.input << ": leak suspects (live bytes only grew), "
         << history.suspects.size() << " found\n";
     for (const leak_suspect& suspect : history.suspects) {

@@ -126,17 +126,20 @@ TEST(Hostile, ControlCallsBeforeAnyAllocationKeepTheHostRunning) {
     }
 }
 
-// What those early calls should give: the empty reports, byte for byte, in
-// the log file, and a process that is still tracked. Disabled: the settings
-// are read with getenv on first use, which gives null before the C library
-// has set up environ, and the library keeps that answer for good, so the
-// process is never tracked and its reports go to standard output.
+// What those early calls should give: the empty reports, byte for byte,
+// and a process that is still tracked afterwards (the reports may go to
+// standard output, as the log file's name cannot be read that early).
+// Disabled: the settings are read with getenv on first use, which gives null
+// before the C library has set up environ, and the library keeps that answer
+// for good, so the process is never tracked.
 TEST(Hostile, DISABLED_CallsBeforeTheEnvironmentIsSetUpLeaveTrackingIntact) {
     temp_dir dir;
+    const std::string reports = k_empty_trace + k_empty_report + k_empty_report;
     result r = run({built(k_prog), "control-first"}, target_options(dir));
     ASSERT_TRUE(r.exited_ok()) << r.describe();
-    EXPECT_EQ(r.out, "tracked\nok\n");
-    EXPECT_EQ(read_file(dir.file("log")), k_empty_trace + k_empty_report + k_empty_report);
+    std::string log = read_file(dir.file("log"));
+    EXPECT_TRUE((r.out == "tracked\nok\n" && log == reports) || (r.out == reports + "tracked\nok\n" && log.empty()))
+        << r.describe() << "\n--- log ---\n" << log;
     r = run({built(k_prog), "malloc-first"}, target_options(dir));
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     EXPECT_EQ(r.out, "tracked\nok\n");

@@ -130,16 +130,24 @@ inline bool frame_ready() {
     return __atomic_load_n(&g_init_state, __ATOMIC_ACQUIRE) == 2;
 }
 
-// A block that another thread got while the context was being built is
-// valid but untracked; it is recorded so that its release is quiet.
-inline void* while_building(void* p) {
-    if (p != nullptr && !__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) && proc_info::is_target())
-        untracked_blocks().insert(p);
+inline void* untracked(void* p) {
+    untracked_blocks().insert(p);
     return p;
 }
 
-inline void* untracked(void* p) {
-    untracked_blocks().insert(p);
+// Before the C library has set up the environment (pre-initialisation
+// functions of the program) the process may yet turn out to be the target:
+// blocks passed through meanwhile are recorded as untracked, so that their
+// release later is quiet.
+inline bool decision_pending() { return __atomic_load_n(&tarvex::detail::g_target_state, __ATOMIC_ACQUIRE) == 0; }
+inline bool maybe_target() { return proc_info::is_target() || decision_pending(); }
+inline void* other_process(void* p) { return decision_pending() ? untracked(p) : p; }
+
+// A block that another thread got while the context was being built is
+// valid but untracked; it is recorded so that its release is quiet.
+inline void* while_building(void* p) {
+    if (p != nullptr && !__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) && maybe_target())
+        untracked_blocks().insert(p);
     return p;
 }
 
@@ -372,8 +380,8 @@ TRVX_EXPORT_C void* malloc(size_t size) {
     if (__builtin_expect(next != nullptr && pass_through_process(), 1)) return next(size);
     resolve(g_next_malloc, g_resolving.malloc_, "malloc");
     if (!frame_ready()) return while_building(tarvex::next_malloc(size));
-    if (size == 0) return proc_info::is_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
-    if (!proc_info::is_target()) return tarvex::next_malloc(size);
+    if (size == 0) return maybe_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
+    if (!proc_info::is_target()) return other_process(tarvex::next_malloc(size));
     if (!guard().try_enter()) return untracked(tarvex::next_malloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::malloc_, 0, size);
@@ -385,10 +393,10 @@ TRVX_EXPORT_C void* valloc(size_t size) {
     resolve(g_next_valloc, g_resolving.valloc_, "valloc");
     if (!frame_ready() || g_next_valloc == nullptr) {
         void* p = tarvex::next_memalign(sysconf(_SC_PAGESIZE), size);
-        return frame_ready() ? (proc_info::is_target() ? untracked(p) : p) : while_building(p);
+        return frame_ready() ? (maybe_target() ? untracked(p) : p) : while_building(p);
     }
-    if (size == 0) return proc_info::is_target() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
-    if (!proc_info::is_target()) return g_next_valloc(size);
+    if (size == 0) return maybe_target() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
+    if (!proc_info::is_target()) return other_process(g_next_valloc(size));
     if (!guard().try_enter()) return untracked(g_next_valloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::valloc_, 0, size);
@@ -407,8 +415,8 @@ TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
     }
     if (!frame_ready()) return while_building(g_next_calloc(count, size));
     if (size == 0 || count == 0)
-        return proc_info::is_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
-    if (!proc_info::is_target()) return g_next_calloc(count, size);
+        return maybe_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
+    if (!proc_info::is_target()) return other_process(g_next_calloc(count, size));
     if (!guard().try_enter()) return untracked(g_next_calloc(count, size));
     tarvex::backtrace bt;
     size_t n;
@@ -434,7 +442,10 @@ TRVX_EXPORT_C void free(void* ptr) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
-    if (!proc_info::is_target()) return tarvex::next_free(ptr);
+    if (!proc_info::is_target()) {
+        if (decision_pending()) untracked_blocks().erase(ptr);
+        return tarvex::next_free(ptr);
+    }
     if (!guard().try_enter()) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
@@ -474,7 +485,7 @@ TRVX_EXPORT_C void* realloc(void* ptr, size_t size) {
     size_t available;
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, size, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, size));
-    if (!proc_info::is_target()) return tarvex::next_realloc(ptr, size);
+    if (!proc_info::is_target()) return decision_pending() ? realloc_untracked(ptr, size) : tarvex::next_realloc(ptr, size);
     if (!guard().try_enter()) return realloc_untracked(ptr, size);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, size);
@@ -496,7 +507,7 @@ TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {
     size_t available;
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, n, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, n));
-    if (!proc_info::is_target()) return tarvex::next_realloc(ptr, n);
+    if (!proc_info::is_target()) return decision_pending() ? realloc_untracked(ptr, n) : tarvex::next_realloc(ptr, n);
     if (!guard().try_enter()) return realloc_untracked(ptr, n);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, n);
@@ -513,14 +524,14 @@ namespace {
 void* memalign_untracked(size_t align, size_t size) {
     void* p = tarvex::next_memalign(align, size);
     if (!frame_ready()) return while_building(p);
-    return proc_info::is_target() ? untracked(p) : p;
+    return maybe_target() ? untracked(p) : p;
 }
 }  // namespace
 
 TRVX_EXPORT_C void* memalign(size_t align, size_t size) {
     resolve(g_next_memalign, g_resolving.memalign_, "memalign");
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
-    if (!proc_info::is_target()) return tarvex::next_memalign(align, size);
+    if (!proc_info::is_target()) return other_process(tarvex::next_memalign(align, size));
     if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
@@ -535,7 +546,7 @@ TRVX_EXPORT_C void* aligned_alloc(size_t align, size_t size) {
         return nullptr;
     }
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
-    if (!proc_info::is_target()) return tarvex::next_memalign(align, size);
+    if (!proc_info::is_target()) return other_process(tarvex::next_memalign(align, size));
     if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
@@ -551,7 +562,7 @@ TRVX_EXPORT_C int posix_memalign(void** out, size_t align, size_t size) {
     if (!frame_ready() || size == 0) {
         p = memalign_untracked(align, size);
     } else if (!proc_info::is_target()) {
-        p = tarvex::next_memalign(align, size);
+        p = other_process(tarvex::next_memalign(align, size));
     } else if (!guard().try_enter()) {
         p = untracked(tarvex::next_memalign(align, size));
     } else {
@@ -575,7 +586,7 @@ TRVX_EXPORT_C void* pvalloc(size_t size) {
     }
     rounded &= ~(page - 1);
     if (!frame_ready() || rounded == 0) return memalign_untracked(page, rounded ? rounded : page);
-    if (!proc_info::is_target()) return tarvex::next_memalign(page, rounded);
+    if (!proc_info::is_target()) return other_process(tarvex::next_memalign(page, rounded));
     if (!guard().try_enter()) return untracked(tarvex::next_memalign(page, rounded));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, page, rounded);

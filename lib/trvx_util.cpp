@@ -23,8 +23,14 @@ void fail_assert(const char* expr, const char* file, unsigned line, const char* 
     __assert_fail(expr, file, line, function);
 }
 
+// A call made before the C library has set up the environment (from a
+// program's pre-initialisation functions) finds nothing, but the variable
+// may well be set: such a read is not kept, and the next call reads again.
+bool environment_ready() { return __atomic_load_n(&environ, __ATOMIC_ACQUIRE) != nullptr; }
+
 const char* env_value::get() {
     if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE)) return m_value;
+    if (!environment_ready()) return nullptr;
     const char* value = getenv(m_name);
     __atomic_store_n(&m_value, value, __ATOMIC_RELAXED);
     __atomic_store_n(&m_loaded, true, __ATOMIC_RELEASE);
@@ -166,6 +172,7 @@ char* proc_info::get_current_proc_name() {
 bool proc_info::is_target_proc() {
     if (__atomic_load_n(&g_decision_made, __ATOMIC_ACQUIRE))
         return __atomic_load_n(&g_decision, __ATOMIC_RELAXED);
+    if (!environment_ready()) return false;  // asked again once the environment is there
     const char* target = get_target_proc_name();
     bool decision = target != nullptr && strcmp(get_current_proc_name(), target) == 0;
     __atomic_store_n(&g_decision, decision, __ATOMIC_RELAXED);

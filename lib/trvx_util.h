@@ -23,6 +23,9 @@ namespace tarvex {
 [[noreturn]] void fail_assert(const char* expr, const char* file, unsigned line,
                               const char* function);
 
+// False until the C library has set up the environment.
+bool environment_ready();
+
 // One-time read of an environment variable. Concurrent first readers all
 // call getenv and store the same pointer, so no reader ever sees a value
 // half-written and no lock (or allocation) is needed.

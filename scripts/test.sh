@@ -7,19 +7,20 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
 jobs=$(nproc)
 
-run_build() {  # dir, ctest label regex (empty: all), extra cmake args...
-  local dir=$1 label=$2
+run_build() {  # dir, ctest label selection (e.g. "-L unit"), extra cmake args...
+  local dir=$1 select=$2
   shift 2
   cmake -S "$root" -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j"$jobs"
-  local args=(--test-dir "$dir" --output-on-failure -j"$jobs" --timeout 900)
-  [[ -n "$label" ]] && args+=(-L "$label")
-  ctest "${args[@]}"
+  # shellcheck disable=SC2086
+  ctest --test-dir "$dir" --output-on-failure -j"$jobs" --timeout 900 $select
 }
 
-run_build "$root/build" ""
-run_build "$root/build-asan" "unit" -DTARVEX_SANITIZE=address -DTARVEX_BUILD_BENCH=OFF
-run_build "$root/build-tsan" "unit" -DTARVEX_SANITIZE=thread -DTARVEX_BUILD_BENCH=OFF
+# The slow tests (which wait for the periodic report) run once, from
+# scripts/ci/slow_tests.sh.
+run_build "$root/build" "-LE slow"
+run_build "$root/build-asan" "-L unit" -DTARVEX_SANITIZE=address -DTARVEX_BUILD_BENCH=OFF
+run_build "$root/build-tsan" "-L unit" -DTARVEX_SANITIZE=thread -DTARVEX_BUILD_BENCH=OFF
 # Further checks (fuzzing, static analysis, browser tests, slow tests), one
 # script each.
 for step in "$root"/scripts/ci/*.sh; do

@@ -7,4 +7,4 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 build="$root/build-verify"
 cmake -S "$root" -B "$build" -DTARVEX_VERIFY_UNWIND=ON -DTARVEX_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 900
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 900 -LE slow

@@ -175,6 +175,18 @@ struct shared_run {
     std::atomic<bool> stop{false};
     std::atomic<long> ops_done{0};
     std::atomic<long> cpu_ns{0};
+    // First start and last end of the workers' timed sections in one
+    // repetition (each worker times itself, so a main thread that is slow
+    // to wake up does not shift the interval).
+    pthread_mutex_t span_mutex = PTHREAD_MUTEX_INITIALIZER;
+    double first_start = 0, last_end = 0;
+
+    void add_span(double start, double end) {
+        pthread_mutex_lock(&span_mutex);
+        if (first_start == 0 || start < first_start) first_start = start;
+        if (end > last_end) last_end = end;
+        pthread_mutex_unlock(&span_mutex);
+    }
     std::atomic<int> frames_seen{0};
 };
 
@@ -233,9 +245,11 @@ __attribute__((always_inline)) inline void worker_body(shared_run& run, int fram
     if (o.warmup > 0) run_ops(run.op, o, o.warmup, nullptr, slots, rng);
     for (int r = 0; r < o.reps; ++r) {
         pthread_barrier_wait(&run.start);
+        double w0 = now_ns();
         double c0 = thread_cpu_ns();
         long n = run_ops(run.op, o, o.count, &run.stop, slots, rng);
         double c1 = thread_cpu_ns();
+        run.add_span(w0, now_ns());
         run.ops_done.fetch_add(n, std::memory_order_relaxed);
         run.cpu_ns.fetch_add(static_cast<long>(c1 - c0), std::memory_order_relaxed);
         pthread_barrier_wait(&run.end);
@@ -289,8 +303,8 @@ void run_workload(op_kind op, int depth, const options& o) {
         run.stop.store(false);
         run.ops_done.store(0);
         run.cpu_ns.store(0);
+        run.first_start = run.last_end = 0;
         pthread_barrier_wait(&run.start);
-        double t0 = now_ns();
         if (o.count == 0) {
             timespec ts{o.min_ms / 1000, (o.min_ms % 1000) * 1000000};
             while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
@@ -298,11 +312,10 @@ void run_workload(op_kind op, int depth, const options& o) {
             run.stop.store(true);
         }
         pthread_barrier_wait(&run.end);
-        double t1 = now_ns();
         double ops = static_cast<double>(std::max(run.ops_done.load(), 1L));
         // Time per operation on one thread: wall time over the operations
         // of an average thread; and the CPU time that the workers spent.
-        per_op.push_back((t1 - t0) * o.threads / ops);
+        per_op.push_back((run.last_end - run.first_start) * o.threads / ops);
         cpu_per_op.push_back(static_cast<double>(run.cpu_ns.load()) / ops);
     }
     for (pthread_t& t : threads) pthread_join(t, nullptr);

@@ -21,6 +21,9 @@
 #include "trvx_stat.h"
 #include "trvx_untracked.h"
 #include "trvx_unwind.h"
+
+// libgcc's FDE lookup (the unwinder library's address range is found from it).
+extern "C" const void* _Unwind_Find_FDE(void* pc, void* bases);
 #include "trvx_util.h"
 
 using tarvex::block_info;
@@ -74,7 +77,7 @@ inline void resolve(F& slot, bool& resolving, const char* name) {
 // sbrk gives null with ENOMEM, never (void*)-1.
 void* calloc_from_break(size_t count, size_t size) {
     size_t n;
-    if (__builtin_mul_overflow(count, size, &n) || n > SIZE_MAX - 16) {
+    if (__builtin_mul_overflow(count, size, &n) || n > size_t(INTPTR_MAX) - 16) {
         errno = ENOMEM;
         return nullptr;
     }
@@ -89,6 +92,28 @@ void* calloc_from_break(size_t count, size_t size) {
     memset(block, 0, n);
     tarvex::record_break_range(block, n ? n : 1);
     return block;
+}
+
+// ---------------------------------------------------------------- the unwinder's own calls
+
+// libgcc's FDE lookup allocates and releases while it holds its own
+// (non-recursive) mutex, the first time it searches frames that a program
+// registered at run time (a JIT). Tracking such a call would capture a stack,
+// which looks FDEs up again under the same mutex: the calls that come
+// straight from the unwinder library are passed through untracked instead.
+uintptr_t g_unwinder_begin;
+uintptr_t g_unwinder_end;
+
+void find_unwinder() {
+    dl_find_object found;
+    if (_dl_find_object(reinterpret_cast<void*>(&_Unwind_Find_FDE), &found) == 0) {
+        g_unwinder_begin = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
+        g_unwinder_end = reinterpret_cast<uintptr_t>(found.dlfo_map_end);
+    }
+}
+
+inline bool from_unwinder(void* return_address) {
+    return reinterpret_cast<uintptr_t>(return_address) - g_unwinder_begin < g_unwinder_end - g_unwinder_begin;
 }
 
 // ---------------------------------------------------------------- bootstrap
@@ -118,6 +143,7 @@ void bootstrap() {
         __atomic_store_n(&g_init_failed, true, __ATOMIC_RELEASE);
         return;
     }
+    find_unwinder();
     pthread_atfork(before_fork, after_fork_parent, after_fork_child);
     __atomic_store_n(&g_ctx, ctx, __ATOMIC_RELEASE);
     __atomic_store_n(&g_init_state, 2, __ATOMIC_RELEASE);
@@ -278,6 +304,7 @@ void print_block_report(const char* heading, block_info& bi) {
 }
 
 [[noreturn]] void stop_unknown(void* ptr, const fault_site& site) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);  // the report is printed whole
     pthread_mutex_lock(&g_fault_mutex);
     printf("Failed to find block info for 0x%p\n", ptr);
     block_info bi;
@@ -286,6 +313,7 @@ void print_block_report(const char* heading, block_info& bi) {
 }
 
 [[noreturn]] void stop_bad_footer(block_info& bi, const fault_site& site) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_mutex_lock(&g_fault_mutex);
     print_block_report("*** Failed to verify the footer ***", bi);
     tarvex::fail_assert("0", "lib/trvx_hook", site.footer_line, site.function);
@@ -382,7 +410,8 @@ TRVX_EXPORT_C void* malloc(size_t size) {
     if (!frame_ready()) return while_building(tarvex::next_malloc(size));
     if (size == 0) return maybe_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
     if (!proc_info::is_target()) return other_process(tarvex::next_malloc(size));
-    if (!guard().try_enter()) return untracked(tarvex::next_malloc(size));
+    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter())
+        return untracked(tarvex::next_malloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::malloc_, 0, size);
     guard().leave();
@@ -417,7 +446,8 @@ TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
     if (size == 0 || count == 0)
         return maybe_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
     if (!proc_info::is_target()) return other_process(g_next_calloc(count, size));
-    if (!guard().try_enter()) return untracked(g_next_calloc(count, size));
+    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter())
+        return untracked(g_next_calloc(count, size));
     tarvex::backtrace bt;
     size_t n;
     void* p;
@@ -446,7 +476,7 @@ TRVX_EXPORT_C void free(void* ptr) {
         if (decision_pending()) untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
-    if (!guard().try_enter()) {
+    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter()) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
@@ -486,7 +516,7 @@ TRVX_EXPORT_C void* realloc(void* ptr, size_t size) {
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, size, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, size));
     if (!proc_info::is_target()) return decision_pending() ? realloc_untracked(ptr, size) : tarvex::next_realloc(ptr, size);
-    if (!guard().try_enter()) return realloc_untracked(ptr, size);
+    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter()) return realloc_untracked(ptr, size);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, size);
     guard().leave();
@@ -539,12 +569,10 @@ TRVX_EXPORT_C void* memalign(size_t align, size_t size) {
     return p;
 }
 
+// The alignment is not checked: like the C library's, memalign rounds an
+// alignment that is not a power of two up.
 TRVX_EXPORT_C void* aligned_alloc(size_t align, size_t size) {
     resolve(g_next_memalign, g_resolving.memalign_, "memalign");
-    if (!is_power_of_two(align)) {
-        errno = EINVAL;
-        return nullptr;
-    }
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
     if (!proc_info::is_target()) return other_process(tarvex::next_memalign(align, size));
     if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
@@ -610,22 +638,46 @@ TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
 // dependencies first, so its malloc and free would be the C library's, not
 // tarvex's: its blocks would be unknown to tarvex's free and the program's
 // blocks released inside it would leave the registry behind. In the target
-// process the flag is therefore dropped. The next dlopen is reached by a
-// tail jump, so that it still sees the program's return address and looks
-// relative names up in the calling object's RUNPATH, as without tarvex.
-namespace {
-void* (*g_next_dlopen)(const char*, int);
+// process the flag is therefore dropped. The next dlopen must see the
+// program's return address (it looks relative names up in the calling
+// object's RUNPATH), so dlopen is a small assembly trampoline that adjusts
+// the flags and jumps on with the caller's return address on the stack.
+extern "C" {
+__attribute__((visibility("hidden"))) void* g_trvx_next_dlopen;
+
+__attribute__((visibility("hidden"))) int trvx_dlopen_flags(int flags) {
+    if (__atomic_load_n(&g_trvx_next_dlopen, __ATOMIC_ACQUIRE) == nullptr)
+        __atomic_store_n(&g_trvx_next_dlopen, dlsym(RTLD_NEXT, "dlopen"), __ATOMIC_RELEASE);
+    if ((flags & RTLD_DEEPBIND) && proc_info::is_target()) flags &= ~RTLD_DEEPBIND;
+    return flags;
+}
 }
 
-TRVX_EXPORT_C void* dlopen(const char* file, int flags) {
-    void* (*next)(const char*, int) = __atomic_load_n(&g_next_dlopen, __ATOMIC_ACQUIRE);
-    if (__builtin_expect(next == nullptr, 0)) {
-        next = reinterpret_cast<void* (*)(const char*, int)>(dlsym(RTLD_NEXT, "dlopen"));
-        __atomic_store_n(&g_next_dlopen, next, __ATOMIC_RELEASE);
-    }
-    if ((flags & RTLD_DEEPBIND) && proc_info::is_target()) flags &= ~RTLD_DEEPBIND;
-    return next(file, flags);
-}
+asm(R"(
+    .text
+    .globl dlopen
+    .type dlopen,@function
+dlopen:
+    .cfi_startproc
+    pushq %rdi
+    .cfi_adjust_cfa_offset 8
+    pushq %rsi
+    .cfi_adjust_cfa_offset 8
+    subq $8, %rsp
+    .cfi_adjust_cfa_offset 8
+    movl %esi, %edi
+    call trvx_dlopen_flags
+    addq $8, %rsp
+    .cfi_adjust_cfa_offset -8
+    popq %rsi
+    .cfi_adjust_cfa_offset -8
+    popq %rdi
+    .cfi_adjust_cfa_offset -8
+    movl %eax, %esi
+    jmp *g_trvx_next_dlopen(%rip)
+    .cfi_endproc
+    .size dlopen, .-dlopen
+)");
 
 // Code of the unloaded object may be replaced by another at the same
 // addresses: the cached unwind rules are forgotten.
@@ -644,11 +696,15 @@ namespace {
 // A control function called before the first allocation builds the context
 // as the bootstrap would; one that meets the context being built waits for
 // it (the building thread waits for nothing).
+// The wait is bounded: the context may be being built by this very thread
+// (a signal handler that interrupted its first allocation), or by a thread
+// that does not exist in this process (a child forked meanwhile). The call
+// then does nothing.
 bool context_for_control() {
     resolve(g_next_malloc, g_resolving.malloc_, "malloc");
     resolve(g_next_free, g_resolving.free_, "free");
-    while (!frame_ready()) {
-        if (__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE)) return false;
+    for (int spins = 0; !frame_ready(); ++spins) {
+        if (__atomic_load_n(&g_init_failed, __ATOMIC_ACQUIRE) || spins == 100000) return false;
         sched_yield();
     }
     return true;
@@ -663,12 +719,21 @@ void run_control(Op op) {
     if (!context_for_control()) return;
     if (!guard().check_and_set_current_thread()) return;
     int saved_errno = errno;
+    // The reports write files, and file operations are cancellation points:
+    // a cancelled thread leaves the library only after the operation, so
+    // that no lock and no guard slot stays behind.
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     try {
         op(stats());
     } catch (...) {
     }
     guard().remove_current_thread();
+    pthread_setcancelstate(cancel_state, nullptr);
     errno = saved_errno;
+    // A cancellation that arrived meanwhile acts now, outside the library,
+    // as it would have inside the report's file operations.
+    if (cancel_state == PTHREAD_CANCEL_ENABLE) pthread_testcancel();
 }
 }  // namespace
 

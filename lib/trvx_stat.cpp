@@ -142,10 +142,15 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
     if (!get_alloc_stat_on()) return;
     if (s_clock(nullptr) - m_last_dump_time <= 10) return;
     lock.unlock();
+    // The report writes files, and file operations are cancellation points:
+    // a thread cancelled while it allocates must not be cancelled inside it.
+    int cancel_state;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
     try {
-        dump_alloc_stats(20);
+        dump_alloc_stats_periodic(20);
     } catch (...) {
     }
+    pthread_setcancelstate(cancel_state, nullptr);
     lock.lock();
     m_last_dump_time = s_clock(nullptr);
 }
@@ -311,20 +316,29 @@ void mem_stats::write_uid_section(FILE* out, const std::vector<uint32_t>& uids) 
     }
 }
 
+// The records are copied under the store's mutex and written without it:
+// symbolising takes the dynamic loader's lock and writing may wait for the
+// stream's lock, and a thread holding either of those may be registering a
+// block, which needs the store's mutex when tracing or counting. The dump
+// shows the list as it stood when the dump started.
 void mem_stats::trace_dump() {
     scoped_lock report(&g_report_mutex);
-    scoped_lock lock(&m_mutex);
+    std::vector<block_info> records;
+    {
+        scoped_lock lock(&m_mutex);
+        records.assign(m_trace_list.begin(), m_trace_list.end());
+    }
     report_stream out{open_report_stream()};
     std::vector<uint32_t> uids;
-    uids.reserve(m_trace_list.size() * 2);
-    for (const block_info& r : m_trace_list) {
+    uids.reserve(records.size() * 2);
+    for (const block_info& r : records) {
         uids.push_back(r.m_alloc_uid);
         if (r.m_free_uid != 0) uids.push_back(r.m_free_uid);
     }
     sort_unique(uids);
     write_uid_section(out.f, uids);
     fputs("\n----------trace----------\n", out.f);
-    for (const block_info& r : m_trace_list)
+    for (const block_info& r : records)
         fprintf(out.f, "alloc_uid: %08x, free_uid: %08x, size: %zd\n", r.m_alloc_uid, r.m_free_uid,
                 static_cast<ssize_t>(r.m_size));
 }
@@ -351,8 +365,28 @@ void mem_stats::dump_alloc_stats(unsigned long n) {
     log_top(n);
 }
 
+// The periodic report runs on whatever thread registered a block, which may
+// hold a lock of its own (a stream's, the dynamic loader's) that a trace
+// dump being written needs: it never waits for the report output, and a
+// dump being written counts as a report in progress.
+void mem_stats::dump_alloc_stats_periodic(unsigned long n) {
+    if (__atomic_exchange_n(&g_report_in_progress, true, __ATOMIC_ACQ_REL)) return;
+    struct clear_flag {
+        ~clear_flag() { __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE); }
+    } clear;
+    if (pthread_mutex_trylock(&g_report_mutex) != 0) return;
+    struct unlock_report {
+        ~unlock_report() { pthread_mutex_unlock(&g_report_mutex); }
+    } unlock;
+    write_top(n);
+}
+
 void mem_stats::log_top(unsigned long n) {
     scoped_lock report(&g_report_mutex);
+    write_top(n);
+}
+
+void mem_stats::write_top(unsigned long n) {
     time_t now = s_clock(nullptr);
     uint64_t total_count;
     time_t last;

@@ -137,6 +137,8 @@ private:
     typedef std::pair<uint64_t, uint64_t> uid_counter;
 
     void periodic_trigger(class scoped_lock& lock);
+    void dump_alloc_stats_periodic(unsigned long n);
+    void write_top(unsigned long n);
     void quarantine_locked(const block_info& bi);
     void quarantine(const block_info& bi);
     bool may_trace() const { return __atomic_load_n(&m_trace_on, __ATOMIC_RELAXED); }

@@ -64,7 +64,7 @@ enum rule_kind : uint64_t {
 };
 
 // A rule packed in 64 bits: kind (3), frame base in rbp (1), rbp saved (1),
-// generation (11), rbp's offset from the frame base (16), frame base offset (32).
+// unused (11), rbp's offset from the frame base (16), frame base offset (32).
 struct rule {
     uint64_t kind;
     bool cfa_rbp;
@@ -73,8 +73,8 @@ struct rule {
     int32_t cfa_off;
 };
 
-uint64_t pack(const rule& r, uint64_t generation) {
-    return r.kind | (uint64_t(r.cfa_rbp) << 3) | (uint64_t(r.rbp_saved) << 4) | ((generation & 0x7ff) << 5) |
+uint64_t pack(const rule& r) {
+    return r.kind | (uint64_t(r.cfa_rbp) << 3) | (uint64_t(r.rbp_saved) << 4) |
            (uint64_t(uint16_t(r.rbp_off)) << 16) | (uint64_t(uint32_t(r.cfa_off)) << 32);
 }
 
@@ -87,8 +87,6 @@ rule unpack(uint64_t v) {
     r.cfa_off = int32_t(uint32_t(v >> 32));
     return r;
 }
-
-uint64_t generation_of(uint64_t v) { return (v >> 5) & 0x7ff; }
 
 // ---------------------------------------------------------------- reading .eh_frame
 
@@ -347,13 +345,18 @@ rule compute_rule(uintptr_t pc) {
 
 // ---------------------------------------------------------------- rule cache
 
-// Direct-mapped, lock-free. A writer locks a slot by setting its key to 1,
-// writes the rule, then publishes the key; a reader accepts a rule only when
-// the key matched before and after reading it.
+// Direct-mapped and lock-free, each slot under a sequence counter: a writer
+// makes the counter odd, writes key, rule and generation, and makes it even
+// again; a reader accepts what it read only when the counter was even and
+// unchanged around its reads, so it never mixes two writers' entries. The
+// generation is the whole 64-bit count of invalidations, so a rule cached
+// before code was unloaded is never taken for the code loaded after.
 constexpr size_t k_cache_slots = 1 << 14;
 struct cache_slot {
+    uint64_t seq;
     uint64_t key;
     uint64_t value;
+    uint64_t generation;
 };
 cache_slot g_cache[k_cache_slots];
 uint64_t g_generation = 1;
@@ -362,17 +365,23 @@ size_t slot_of(uintptr_t pc) { return ((pc * 0x9E3779B97F4A7C15ULL) >> 50) & (k_
 
 rule lookup_rule(uintptr_t pc) {
     cache_slot& s = g_cache[slot_of(pc)];
-    uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE) & 0x7ff;
-    uint64_t k1 = __atomic_load_n(&s.key, __ATOMIC_ACQUIRE);
-    if (k1 == pc) {
-        uint64_t v = __atomic_load_n(&s.value, __ATOMIC_ACQUIRE);
-        uint64_t k2 = __atomic_load_n(&s.key, __ATOMIC_ACQUIRE);
-        if (k2 == pc && (v & 7) != k_invalid && generation_of(v) == gen) return unpack(v);
+    uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
+    uint64_t seq = __atomic_load_n(&s.seq, __ATOMIC_ACQUIRE);
+    if ((seq & 1) == 0) {
+        uint64_t key = __atomic_load_n(&s.key, __ATOMIC_RELAXED);
+        uint64_t value = __atomic_load_n(&s.value, __ATOMIC_RELAXED);
+        uint64_t generation = __atomic_load_n(&s.generation, __ATOMIC_RELAXED);
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (__atomic_load_n(&s.seq, __ATOMIC_RELAXED) == seq && key == pc && generation == gen &&
+            (value & 7) != k_invalid)
+            return unpack(value);
     }
     rule r = compute_rule(pc);
-    if (k1 != 1 && __atomic_compare_exchange_n(&s.key, &k1, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
-        __atomic_store_n(&s.value, pack(r, gen), __ATOMIC_RELEASE);
-        __atomic_store_n(&s.key, pc, __ATOMIC_RELEASE);
+    if ((seq & 1) == 0 && __atomic_compare_exchange_n(&s.seq, &seq, seq + 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+        __atomic_store_n(&s.key, pc, __ATOMIC_RELAXED);
+        __atomic_store_n(&s.value, pack(r), __ATOMIC_RELAXED);
+        __atomic_store_n(&s.generation, gen, __ATOMIC_RELAXED);
+        __atomic_store_n(&s.seq, seq + 2, __ATOMIC_RELEASE);
     }
     return r;
 }

@@ -162,7 +162,17 @@ char* proc_info::get_current_proc_name() {
         memcpy(g_current_name, name, sizeof name);
         __atomic_store_n(&g_current_name_state, 2, __ATOMIC_RELEASE);
     } else {
-        while (__atomic_load_n(&g_current_name_state, __ATOMIC_ACQUIRE) != 2) sched_yield();
+        // Bounded: in a child forked while another thread was writing the
+        // name, nobody finishes it; the name this call computed is the same
+        // one, so it is published instead.
+        for (int spins = 0; __atomic_load_n(&g_current_name_state, __ATOMIC_ACQUIRE) != 2; ++spins) {
+            if (spins == 100000) {
+                memcpy(g_current_name, name, sizeof name);
+                __atomic_store_n(&g_current_name_state, 2, __ATOMIC_RELEASE);
+                break;
+            }
+            sched_yield();
+        }
     }
     return g_current_name;
 }

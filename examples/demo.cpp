@@ -27,8 +27,10 @@ __attribute__((noinline)) void parse_request(int i) {
     if (i % 4 == 0) remember(line.c_str());
 }
 
+// The pointer goes through a volatile variable: the compiler knows what
+// malloc and free do and would otherwise remove the whole function.
 __attribute__((noinline)) void double_free() {
-    char* p = static_cast<char*>(malloc(24));
+    char* volatile p = static_cast<char*>(malloc(24));
     free(p);
     free(p);  // caught: the block is still in the quarantine
 }

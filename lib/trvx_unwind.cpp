@@ -368,10 +368,11 @@ rule lookup_rule(uintptr_t pc) {
     uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
     uint64_t seq = __atomic_load_n(&s.seq, __ATOMIC_ACQUIRE);
     if ((seq & 1) == 0) {
-        uint64_t key = __atomic_load_n(&s.key, __ATOMIC_RELAXED);
-        uint64_t value = __atomic_load_n(&s.value, __ATOMIC_RELAXED);
-        uint64_t generation = __atomic_load_n(&s.generation, __ATOMIC_RELAXED);
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        // Acquire loads keep the second read of the counter behind them (a
+        // fence would do the same, but ThreadSanitizer builds reject fences).
+        uint64_t key = __atomic_load_n(&s.key, __ATOMIC_ACQUIRE);
+        uint64_t value = __atomic_load_n(&s.value, __ATOMIC_ACQUIRE);
+        uint64_t generation = __atomic_load_n(&s.generation, __ATOMIC_ACQUIRE);
         if (__atomic_load_n(&s.seq, __ATOMIC_RELAXED) == seq && key == pc && generation == gen &&
             (value & 7) != k_invalid)
             return unpack(value);

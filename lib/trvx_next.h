@@ -90,4 +90,61 @@ struct raw_allocator {
     bool operator!=(const raw_allocator<U>&) const noexcept { return false; }
 };
 
+// Single objects of one size released by a container, kept for its next
+// allocation: a container whose every operation runs under one lock (the
+// quarantine's records) then takes no memory from the heap in its steady
+// state. At most k_max_kept objects are kept; the rest go back.
+struct node_pool {
+    static constexpr size_t k_max_kept = 1 << 16;
+    void* head = nullptr;
+    size_t size = 0;
+    size_t kept = 0;
+
+    node_pool() = default;
+    node_pool(const node_pool&) = delete;
+    node_pool& operator=(const node_pool&) = delete;
+    ~node_pool() {
+        while (head != nullptr) {
+            void* next = *static_cast<void**>(head);
+            next_free(head);
+            head = next;
+        }
+    }
+};
+
+template <class T>
+struct pool_allocator {
+    using value_type = T;
+    node_pool* pool;
+
+    explicit pool_allocator(node_pool* p) noexcept : pool(p) {}
+    template <class U>
+    pool_allocator(const pool_allocator<U>& other) noexcept : pool(other.pool) {}
+
+    T* allocate(size_t n) {
+        if (n == 1 && pool->head != nullptr && pool->size == sizeof(T)) {
+            void* p = pool->head;
+            pool->head = *static_cast<void**>(p);
+            --pool->kept;
+            return static_cast<T*>(p);
+        }
+        return raw_allocator<T>().allocate(n);
+    }
+    void deallocate(T* p, size_t n) noexcept {
+        if (n == 1 && sizeof(T) >= sizeof(void*) && (pool->size == 0 || pool->size == sizeof(T)) &&
+            pool->kept < node_pool::k_max_kept) {
+            pool->size = sizeof(T);
+            *reinterpret_cast<void**>(p) = pool->head;
+            pool->head = p;
+            ++pool->kept;
+            return;
+        }
+        next_free(p);
+    }
+    template <class U>
+    bool operator==(const pool_allocator<U>& other) const noexcept { return pool == other.pool; }
+    template <class U>
+    bool operator!=(const pool_allocator<U>& other) const noexcept { return pool != other.pool; }
+};
+
 }  // namespace tarvex

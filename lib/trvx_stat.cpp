@@ -90,7 +90,13 @@ bool g_report_in_progress;
 mem_stats::clock_fn mem_stats::s_clock = ::time;
 
 mem_stats::mem_stats()
-    : m_trace_on(false), m_trace_thread(0), m_total_size(0), m_total_count(0), m_delayed_free_size(0) {
+    : m_trace_on(false),
+      m_trace_thread(0),
+      m_total_size(0),
+      m_total_count(0),
+      m_delayed_free_bi_map(0, std::hash<void*>(), std::equal_to<void*>(),
+                            pool_allocator<std::pair<void* const, block_info>>(&m_delayed_free_nodes)),
+      m_delayed_free_size(0) {
     pthread_mutex_init(&m_mutex, nullptr);
     pthread_mutex_init(&m_quarantine_mutex, nullptr);
     m_last_dump_time = s_clock(nullptr);
@@ -191,7 +197,13 @@ void mem_stats::quarantine_locked(const block_info& bi) {
 
 // The tracing thread's release record goes into the trace before the block
 // enters the quarantine, so that a failure of either leaves neither.
-void mem_stats::quarantine(const block_info& bi) {
+void mem_stats::quarantine(const block_info& bi) { quarantine_and_take(bi, nullptr, 0); }
+
+// The tracing thread's release record goes into the trace before the block
+// enters the quarantine, so that a failure of either leaves neither. The
+// quarantine's mutex is taken once, to queue the block and take up to max
+// blocks that are due.
+size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t max) {
     bool traced = false;
     if (may_trace()) {
         scoped_lock lock(&m_mutex);
@@ -200,16 +212,25 @@ void mem_stats::quarantine(const block_info& bi) {
             traced = true;
         }
     }
+    scoped_lock lock(&m_quarantine_mutex);
     try {
-        scoped_lock lock(&m_quarantine_mutex);
         quarantine_locked(bi);
     } catch (...) {
+        lock.unlock();
         if (traced) {
-            scoped_lock lock(&m_mutex);
+            scoped_lock trace_lock(&m_mutex);
             m_trace_list.pop_back();
         }
         throw;
     }
+    size_t n = 0;
+    while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
+    // The oldest block left is the next to be given back, 10 MiB of
+    // releases after it went cold: fetch its chunk header now, so that the
+    // next allocator's free finds it in the cache.
+    if (max != 0 && !m_delayed_free_queue.empty())
+        __builtin_prefetch(static_cast<char*>(m_delayed_free_queue.front()) - 16, 1, 1);
+    return n;
 }
 
 // The oldest block, once the quarantine holds more than its limit.
@@ -235,16 +256,7 @@ void* mem_stats::get_next_to_free() {
 }
 
 size_t mem_stats::delayed_free_and_take(tarvex::block_info& bi, void** due, size_t max) {
-    quarantine(bi);
-    scoped_lock lock(&m_quarantine_mutex);
-    size_t n = 0;
-    while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
-    // The oldest block left is the next to be given back, 10 MiB of
-    // releases after it went cold: fetch its chunk header now, so that the
-    // next allocator's free finds it in the cache.
-    if (!m_delayed_free_queue.empty())
-        __builtin_prefetch(static_cast<char*>(m_delayed_free_queue.front()) - 16, 1, 1);
-    return n;
+    return quarantine_and_take(bi, due, max);
 }
 
 bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {

@@ -141,6 +141,7 @@ private:
     void write_top(unsigned long n);
     void quarantine_locked(const block_info& bi);
     void quarantine(const block_info& bi);
+    size_t quarantine_and_take(const block_info& bi, void** due, size_t max);
     bool may_trace() const { return __atomic_load_n(&m_trace_on, __ATOMIC_RELAXED); }
     void* take_due_locked();
     void append_trace(const block_info& bi);
@@ -159,7 +160,10 @@ public:
     uint64_t m_total_size;
     uint64_t m_total_count;
     block_registry m_block_info_map;
-    raw_hash_map<void*, block_info> m_delayed_free_bi_map;
+    node_pool m_delayed_free_nodes;  // the records' map nodes, reused under m_quarantine_mutex
+    std::unordered_map<void*, block_info, std::hash<void*>, std::equal_to<void*>,
+                       pool_allocator<std::pair<void* const, block_info>>>
+        m_delayed_free_bi_map;
     uint64_t m_delayed_free_size;
     std::deque<void*, raw_allocator<void*>> m_delayed_free_queue;
     raw_hash_map<uint32_t, uid_counter> m_uid_stats;

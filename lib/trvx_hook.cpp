@@ -21,10 +21,10 @@
 #include "trvx_stat.h"
 #include "trvx_untracked.h"
 #include "trvx_unwind.h"
+#include "trvx_util.h"
 
 // libgcc's FDE lookup (the unwinder library's address range is found from it).
 extern "C" const void* _Unwind_Find_FDE(void* pc, void* bases);
-#include "trvx_util.h"
 
 using tarvex::block_info;
 using tarvex::k_footer_size;
@@ -51,7 +51,7 @@ struct resolving_flags {
 
 // Resolves one next definition. A call that arrives while the same function
 // is being resolved (dlsym allocating, or another thread) uses the C
-// library's own entry point meanwhile (see trvx_next.cpp); when dlsym finds
+// library's own entry point meanwhile (see trvx_next.h); when dlsym finds
 // no next definition at all, those entry points stay in use for good.
 template <class F>
 inline void resolve_one(F& slot, bool& resolving, const char* name) {

@@ -94,8 +94,6 @@ mem_stats::mem_stats()
       m_trace_thread(0),
       m_total_size(0),
       m_total_count(0),
-      m_delayed_free_bi_map(0, std::hash<void*>(), std::equal_to<void*>(),
-                            pool_allocator<std::pair<void* const, block_info>>(&m_delayed_free_nodes)),
       m_delayed_free_size(0) {
     pthread_mutex_init(&m_mutex, nullptr);
     pthread_mutex_init(&m_quarantine_mutex, nullptr);
@@ -227,9 +225,12 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
     while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
     // The oldest block left is the next to be given back, 10 MiB of
     // releases after it went cold: fetch its chunk header now, so that the
-    // next allocator's free finds it in the cache.
-    if (max != 0 && !m_delayed_free_queue.empty())
-        __builtin_prefetch(static_cast<char*>(m_delayed_free_queue.front()) - 16, 1, 1);
+    // next allocator's free finds it in the cache, and its record's slot.
+    if (max != 0 && !m_delayed_free_queue.empty()) {
+        void* next = m_delayed_free_queue.front();
+        __builtin_prefetch(static_cast<char*>(next) - 16, 1, 1);
+        m_delayed_free_bi_map.prefetch(next);
+    }
     return n;
 }
 

@@ -15,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "trvx_addr_map.h"
 #include "trvx_next.h"
 #include "trvx_registry.h"
 #include "trvx_util.h"
@@ -160,10 +161,7 @@ public:
     uint64_t m_total_size;
     uint64_t m_total_count;
     block_registry m_block_info_map;
-    node_pool m_delayed_free_nodes;  // the records' map nodes, reused under m_quarantine_mutex
-    std::unordered_map<void*, block_info, std::hash<void*>, std::equal_to<void*>,
-                       pool_allocator<std::pair<void* const, block_info>>>
-        m_delayed_free_bi_map;
+    addr_map<block_info> m_delayed_free_bi_map;
     uint64_t m_delayed_free_size;
     std::deque<void*, raw_allocator<void*>> m_delayed_free_queue;
     raw_hash_map<uint32_t, uid_counter> m_uid_stats;

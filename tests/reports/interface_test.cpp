@@ -93,42 +93,20 @@ struct line_case {
     const char *symbol, *address, *function, *lib;
 };
 
+// A few rows of each table: they prove that the exported symbols are the
+// ones a program declares and links against; every row of the tables is
+// checked in process by the unit tests.
 const line_case k_lines[] = {
     {"/opt/app/lib/libwidget.so.2(_ZN6widget4drawEv+0x1c) [0xa3c4]", "_ZN6widget4drawEv+0x1c", "0xa3c4",
      "_ZN6widget4drawEv", "libwidget.so.2(_ZN6widget4drawEv+0x1c)"},
-    {"/opt/app/bin/server(+0x1f2a) [0x4f2a]", "+0x1f2a", "0x4f2a", "", "server(+0x1f2a)"},
     {"/opt/app/bin/server(main-0x10) [0x4f2a]", "main-0x10", "0x4f2a", "0x4f2a", "server(main-0x10)"},
-    {"/opt/app/bin/server [0x4f2a]", "", "0x4f2a", "0x4f2a", "server"},
-    {"[0x4f2a]", "", "0x4f2a", "0x4f2a", ""},
-    {"/opt/app/lib/libwidget.so.2(_ZN6widget4drawEv+0x1c)", "_ZN6widget4drawEv+0x1c", "", "_ZN6widget4drawEv",
-     "libwidget.so.2"},
-    {"libwidget.so.2(_ZN6widget4drawEv+0x1c) [0xa3c4]", "_ZN6widget4drawEv+0x1c", "0xa3c4", "_ZN6widget4drawEv", ""},
-    {"/opt/g++/lib/libx.so(f-0x8) [0x1000]", "f-0x8", "0x1000", "f-0x8) [0x1000]", "libx.so(f-0x8)"},
-    {"/opt/my app/bin/x(f+0x1) [0x1]", "f+0x1", "0x1", "f", "x(f+0x1) [0x1]"},
     {"", "", "", "", ""},
-    {"x(y", "", "", "", ""},
-    {"x]y[z", "", "z", "z", ""},
 };
 
 const call_case k_demangle[] = {
-    {"demangle", "_ZN6widget4drawEv", "widget::draw"},
     {"demangle", "_ZN6widget5panel6resizeEii", "widget::panel::resize"},
-    {"demangle", "_ZN6widget5panelC2Ev", "widget::panel"},
-    {"demangle", "_ZN6widget12render_frameEPKc", "widget::render_frame"},
-    {"demangle", "_ZN6widget4drawE3foo", "widget::draw"},
     {"demangle", "_ZNK6widget5panel4sizeEv", ""},
-    {"demangle", "_ZNSt6vectorIiSaIiEE9push_backERKi", ""},
-    {"demangle", "_ZN6widget", "widget"},
-    {"demangle", "_ZN6wid", "wid"},
-    {"demangle", "_ZN007widgetE", "widgetE"},
-    {"demangle", "_ZN2ab12cdE", "ab::cdE"},
-    {"demangle", "_ZN12", ""},
-    {"demangle", "_ZN0E", ""},
-    {"demangle", "_ZN", ""},
-    {"demangle", "_Z4initv", "_Z4initv"},
-    {"demangle", "x_ZN3fooE", "x_ZN3fooE"},
     {"demangle", "malloc", "malloc"},
-    {"demangle", "", ""},
     {"symbols", "first", "unchanged"},
 };
 

@@ -14,10 +14,7 @@ constexpr uintptr_t k_erased = 1;
 constexpr uintptr_t k_odd = uintptr_t(1) << 63;
 }  // namespace
 
-// cppcheck-suppress uninitMemberVar ; each shard's mutex is initialised by the loop below
-block_registry::block_registry() {
-    for (shard& s : m_shards) pthread_mutex_init(&s.mutex, nullptr);
-}
+block_registry::block_registry() = default;
 
 block_registry::~block_registry() {
     for (shard& s : m_shards) {
@@ -26,14 +23,19 @@ block_registry::~block_registry() {
             s.odd_sizes->~size_map();
             next_free(s.odd_sizes);
         }
-        pthread_mutex_destroy(&s.mutex);
     }
 }
 
 size_t block_registry::hash(uintptr_t addr) { return size_t((addr >> 4) * 0x9E3779B97F4A7C15ULL); }
 
+// Eight groups of eight shards. The group comes from the address's 64 MiB
+// region: glibc gives each thread's arena regions of its own, so threads that
+// allocate and release their own blocks mostly work in shards of their own
+// and their cache lines stay on their cores. The shard in the group comes
+// from the address's hash (its top bits; the slot index takes the low ones).
 block_registry::shard& block_registry::shard_of(shard* shards, uintptr_t addr) {
-    return shards[hash(addr) >> 58];
+    size_t group = size_t((addr >> 26) * 0x9E3779B97F4A7C15ULL) >> 61;
+    return shards[group << 3 | hash(addr) >> 61];
 }
 
 // Slot of addr, or the slot where it would be inserted (the first erased one
@@ -86,7 +88,7 @@ void block_registry::fill(const shard& s, const entry& e, block_info& out) {
 void block_registry::insert(const block_info& bi) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(bi.m_addr);
     shard& s = shard_of(m_shards, addr);
-    scoped_lock lock(&s.mutex);
+    spin_guard lock(s.mutex);
     if ((s.used + 1) * 8 > s.capacity * 7) grow(s);
     bool odd = bi.m_alloc_size != bi.m_size + k_footer_size;
     if (odd) {
@@ -111,7 +113,7 @@ void block_registry::insert(const block_info& bi) {
 bool block_registry::remove(void* p, block_info& out) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    scoped_lock lock(&s.mutex);
+    spin_guard lock(s.mutex);
     if (s.live == 0) return false;
     entry& e = s.slots[probe(s, addr)];
     if (e.key <= k_erased) return false;
@@ -125,7 +127,7 @@ bool block_registry::remove(void* p, block_info& out) {
 bool block_registry::find(void* p, block_info& out) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    scoped_lock lock(&s.mutex);
+    spin_guard lock(s.mutex);
     if (s.live == 0) return false;
     const entry& e = s.slots[probe(s, addr)];
     if (e.key <= k_erased) return false;
@@ -136,18 +138,18 @@ bool block_registry::find(void* p, block_info& out) {
 size_t block_registry::size() {
     size_t n = 0;
     for (shard& s : m_shards) {
-        scoped_lock lock(&s.mutex);
+        spin_guard lock(s.mutex);
         n += s.live;
     }
     return n;
 }
 
 void block_registry::lock_all() {
-    for (shard& s : m_shards) pthread_mutex_lock(&s.mutex);
+    for (shard& s : m_shards) s.mutex.lock();
 }
 
 void block_registry::unlock_all() {
-    for (shard& s : m_shards) pthread_mutex_unlock(&s.mutex);
+    for (shard& s : m_shards) s.mutex.unlock();
 }
 
 }  // namespace tarvex

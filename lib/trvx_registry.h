@@ -3,7 +3,8 @@
 // Every tracked allocation inserts and every tracked release removes, from
 // any thread, so the registry is split into shards by address, each an
 // open-addressing hash table under its own mutex: threads that work on
-// different blocks rarely meet, and nothing is allocated per block.
+// different blocks rarely meet, and nothing is allocated per block. A
+// shard's lock is held for a probe of a few slots only.
 // An entry takes 24 bytes; the block's allocation size is kept only when it
 // differs from its size plus the footer (never, for the allocation paths).
 #pragma once
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <map>
 
+#include "trvx_lock.h"
 #include "trvx_next.h"
 
 namespace tarvex {
@@ -50,7 +52,7 @@ private:
     typedef std::map<uintptr_t, size_t, std::less<uintptr_t>, raw_allocator<std::pair<const uintptr_t, size_t>>>
         size_map;
     struct alignas(64) shard {
-        pthread_mutex_t mutex;
+        spin_lock mutex;
         entry* slots = nullptr;
         size_t capacity = 0;  // a power of two, or 0
         size_t used = 0;      // live and erased slots

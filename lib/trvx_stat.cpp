@@ -96,7 +96,6 @@ mem_stats::mem_stats()
       m_total_count(0),
       m_delayed_free_size(0) {
     pthread_mutex_init(&m_mutex, nullptr);
-    pthread_mutex_init(&m_quarantine_mutex, nullptr);
     m_last_dump_time = s_clock(nullptr);
 }
 
@@ -182,14 +181,7 @@ bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) { return m_
 // On a failure to get memory nothing stays changed and the exception goes to
 // the caller, which then gives the block back at once.
 void mem_stats::quarantine_locked(const block_info& bi) {
-    m_delayed_free_queue.push_back(bi.m_addr);
-    try {
-        auto res = m_delayed_free_bi_map.emplace(bi.m_addr, bi);
-        if (!res.second) res.first->second = bi;
-    } catch (...) {
-        m_delayed_free_queue.pop_back();
-        throw;
-    }
+    m_delayed_free_queue.push_back(bi);
     m_delayed_free_size += bi.m_alloc_size;
 }
 
@@ -199,7 +191,7 @@ void mem_stats::quarantine(const block_info& bi) { quarantine_and_take(bi, nullp
 
 // The tracing thread's release record goes into the trace before the block
 // enters the quarantine, so that a failure of either leaves neither. The
-// quarantine's mutex is taken once, to queue the block and take up to max
+// quarantine's lock is taken once, to queue the block and take up to max
 // blocks that are due.
 size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t max) {
     bool traced = false;
@@ -210,49 +202,42 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
             traced = true;
         }
     }
-    scoped_lock lock(&m_quarantine_mutex);
+    size_t n = 0;
+    void* next = nullptr;
     try {
+        spin_guard lock(m_quarantine_mutex);
         quarantine_locked(bi);
+        while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
+        if (max != 0 && !m_delayed_free_queue.empty()) next = m_delayed_free_queue.front().m_addr;
     } catch (...) {
-        lock.unlock();
         if (traced) {
             scoped_lock trace_lock(&m_mutex);
             m_trace_list.pop_back();
         }
         throw;
     }
-    size_t n = 0;
-    while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
     // The oldest block left is the next to be given back, 10 MiB of
     // releases after it went cold: fetch its chunk header now, so that the
-    // next allocator's free finds it in the cache, and its record's slot.
-    if (max != 0 && !m_delayed_free_queue.empty()) {
-        void* next = m_delayed_free_queue.front();
-        __builtin_prefetch(static_cast<char*>(next) - 16, 1, 1);
-        m_delayed_free_bi_map.prefetch(next);
-    }
+    // next allocator's free finds it in the cache.
+    if (next != nullptr) __builtin_prefetch(static_cast<char*>(next) - 16, 1, 1);
     return n;
 }
 
 // The oldest block, once the quarantine holds more than its limit.
 void* mem_stats::take_due_locked() {
     if (m_delayed_free_size <= k_quarantine_limit || m_delayed_free_queue.empty()) return nullptr;
-    void* p = m_delayed_free_queue.front();
-    m_delayed_free_queue.pop_front();
+    const block_info& oldest = m_delayed_free_queue.front();
+    void* p = oldest.m_addr;
     if (p == nullptr) fail_assert("p", "lib/trvx_stat", 347, "void* tarvex::mem_stats::get_next_to_free()");
-    auto iter = m_delayed_free_bi_map.find(p);
-    if (iter == m_delayed_free_bi_map.end())
-        fail_assert("iter != m_delayed_free_bi_map.end()", "lib/trvx_stat", 349,
-                    "void* tarvex::mem_stats::get_next_to_free()");
-    m_delayed_free_size -= iter->second.m_alloc_size;
-    m_delayed_free_bi_map.erase(iter);
+    m_delayed_free_size -= oldest.m_alloc_size;
+    m_delayed_free_queue.pop_front();
     return p;
 }
 
 void mem_stats::delayed_free(tarvex::block_info& bi) { quarantine(bi); }
 
 void* mem_stats::get_next_to_free() {
-    scoped_lock lock(&m_quarantine_mutex);
+    spin_guard lock(m_quarantine_mutex);
     return take_due_locked();
 }
 
@@ -260,12 +245,17 @@ size_t mem_stats::delayed_free_and_take(tarvex::block_info& bi, void** due, size
     return quarantine_and_take(bi, due, max);
 }
 
+// A scan from the newest record back: this runs only when a fault is being
+// reported, and a block address is in the quarantine at most once.
 bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {
-    scoped_lock lock(&m_quarantine_mutex);
-    auto it = m_delayed_free_bi_map.find(addr);
-    if (it == m_delayed_free_bi_map.end()) return false;
-    out = it->second;
-    return true;
+    spin_guard lock(m_quarantine_mutex);
+    for (size_t i = m_delayed_free_queue.size(); i-- > 0;) {
+        if (m_delayed_free_queue[i].m_addr == addr) {
+            out = m_delayed_free_queue[i];
+            return true;
+        }
+    }
+    return false;
 }
 
 // ---------------------------------------------------------------- trace
@@ -510,13 +500,13 @@ void mem_stats::format_str_bytes(std::string& out, unsigned long bytes) {
 void mem_stats::lock_for_fork() {
     pthread_mutex_lock(&g_report_mutex);
     pthread_mutex_lock(&m_mutex);
-    pthread_mutex_lock(&m_quarantine_mutex);
+    m_quarantine_mutex.lock();
     m_block_info_map.lock_all();
 }
 
 void mem_stats::unlock_after_fork(bool child) {
     m_block_info_map.unlock_all();
-    pthread_mutex_unlock(&m_quarantine_mutex);
+    m_quarantine_mutex.unlock();
     pthread_mutex_unlock(&m_mutex);
     pthread_mutex_unlock(&g_report_mutex);
     // A report that another thread of the parent was writing does not go on
@@ -527,12 +517,12 @@ void mem_stats::unlock_after_fork(bool child) {
 size_t mem_stats::live_block_count() { return m_block_info_map.size(); }
 
 uint64_t mem_stats::quarantine_bytes() {
-    scoped_lock lock(&m_quarantine_mutex);
+    spin_guard lock(m_quarantine_mutex);
     return m_delayed_free_size;
 }
 
 size_t mem_stats::quarantine_block_count() {
-    scoped_lock lock(&m_quarantine_mutex);
+    spin_guard lock(m_quarantine_mutex);
     return m_delayed_free_queue.size();
 }
 

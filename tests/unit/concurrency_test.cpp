@@ -159,13 +159,13 @@ TEST_F(Concurrency, StoreAndQuarantineStayExactWhileReportsAreWritten) {
     // waiting, never both.
     EXPECT_FALSE(given_back.empty());
     EXPECT_EQ(std::set<void*>(given_back.begin(), given_back.end()).size(), given_back.size());
-    EXPECT_EQ(stats.m_delayed_free_queue.size(), stats.m_delayed_free_bi_map.size());
     uint64_t waiting_bytes = 0;
     std::set<void*> accounted(given_back.begin(), given_back.end());
-    for (const auto& e : stats.m_delayed_free_bi_map) {
-        EXPECT_EQ(given_back.count(e.first), 0u);
-        accounted.insert(e.first);
-        waiting_bytes += e.second.m_alloc_size;
+    for (size_t i = 0; i < stats.m_delayed_free_queue.size(); ++i) {
+        const block_info& e = stats.m_delayed_free_queue[i];
+        EXPECT_EQ(given_back.count(e.m_addr), 0u);
+        EXPECT_TRUE(accounted.insert(e.m_addr).second) << "quarantined twice: " << e.m_addr;
+        waiting_bytes += e.m_alloc_size;
     }
     EXPECT_EQ(accounted, released);
     EXPECT_EQ(stats.quarantine_bytes(), waiting_bytes);

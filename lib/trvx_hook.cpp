@@ -273,6 +273,7 @@ void* allocate_tracked(tarvex::backtrace& bt, source from, size_t align, size_t 
     void* p = obtain(from, align, size + k_footer_size);
     if (p == nullptr) return nullptr;
     prefetch_for_fill(p, size);
+    stats().m_block_info_map.prefetch(p);
     block_info bi;
     bi.m_addr = p;
     bi.m_size = size;
@@ -490,6 +491,8 @@ TRVX_EXPORT_C void free(void* ptr) {
         untracked_blocks().erase(ptr);
         return tarvex::next_free(ptr);
     }
+    // The registry's line for ptr is fetched while the stack is captured.
+    stats().m_block_info_map.prefetch(ptr);
     tarvex::backtrace bt;
     free_tracked(bt, ptr);
     guard().leave();

@@ -1,5 +1,7 @@
 #include "trvx_registry.h"
 
+#include <sys/mman.h>
+
 #include <cstring>
 #include <new>
 
@@ -29,10 +31,11 @@ block_registry::~block_registry() {
 size_t block_registry::hash(uintptr_t addr) { return size_t((addr >> 4) * 0x9E3779B97F4A7C15ULL); }
 
 // Eight groups of eight shards. The group comes from the address's 64 MiB
-// region: glibc gives each thread's arena regions of its own, so threads that
-// allocate and release their own blocks mostly work in shards of their own
-// and their cache lines stay on their cores. The shard in the group comes
-// from the address's hash (its top bits; the slot index takes the low ones).
+// region, the shard in the group from the address's hash (its top bits; the
+// slot index takes the low ones). Blocks allocated close together in time
+// mostly lie close together in memory, so a burst of registrations stays in
+// a few shards whose tables stay cached, and a thread whose blocks come
+// from its own arena's regions mostly works in shards of its own.
 block_registry::shard& block_registry::shard_of(shard* shards, uintptr_t addr) {
     size_t group = size_t((addr >> 26) * 0x9E3779B97F4A7C15ULL) >> 61;
     return shards[group << 3 | hash(addr) >> 61];
@@ -53,16 +56,31 @@ size_t block_registry::probe(const shard& s, uintptr_t addr) {
     }
 }
 
+namespace {
+// A table of millions of entries is probed at random: one lookup would cost
+// a TLB miss on top of the cache miss with small pages. Its whole 2 MiB
+// pages are offered to the kernel as huge pages before they are first
+// touched (where transparent huge pages are enabled for such requests).
+void advise_huge_pages(void* p, size_t bytes) {
+    constexpr uintptr_t k_huge = uintptr_t(2) << 20;
+    if (bytes < 2 * k_huge) return;
+    uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + k_huge - 1) & ~(k_huge - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(k_huge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
+}  // namespace
+
 // Doubles the table (or rebuilds it at the same size when it is mostly
 // erased slots). Throws std::bad_alloc and changes nothing on failure.
 void block_registry::grow(shard& s) {
     size_t capacity = s.capacity == 0 ? 64 : (s.live * 2 < s.capacity ? s.capacity : s.capacity * 2);
     entry* slots = static_cast<entry*>(next_malloc(capacity * sizeof(entry)));
     if (slots == nullptr) throw std::bad_alloc();
+    advise_huge_pages(slots, capacity * sizeof(entry));
     memset(slots, 0, capacity * sizeof(entry));
     shard old = s;
-    s.slots = slots;
-    s.capacity = capacity;
+    __atomic_store_n(&s.slots, slots, __ATOMIC_RELAXED);
+    __atomic_store_n(&s.capacity, capacity, __ATOMIC_RELAXED);
     s.used = 0;
     for (size_t i = 0; i < old.capacity; ++i) {
         if (old.slots[i].key > k_erased) {
@@ -83,6 +101,14 @@ void block_registry::fill(const shard& s, const entry& e, block_info& out) {
     }
     out.m_alloc_uid = e.alloc_uid;
     out.m_free_uid = e.free_uid;
+}
+
+void block_registry::prefetch(const void* p) const {
+    uintptr_t addr = reinterpret_cast<uintptr_t>(p);
+    const shard& s = shard_of(const_cast<shard*>(m_shards), addr);
+    const entry* slots = __atomic_load_n(&s.slots, __ATOMIC_RELAXED);
+    size_t capacity = __atomic_load_n(&s.capacity, __ATOMIC_RELAXED);
+    if (slots != nullptr) __builtin_prefetch(&slots[hash(addr) & (capacity - 1)], 1, 3);
 }
 
 void block_registry::insert(const block_info& bi) {

@@ -35,6 +35,10 @@ public:
     // Copies out and removes the record of addr; false if there is none.
     bool remove(void* addr, block_info& out);
     bool find(void* addr, block_info& out);
+    // Starts fetching the table line where addr's entry is or would go,
+    // without taking the lock (a table that grows meanwhile only makes the
+    // fetch useless), so that a later insert or remove finds it cached.
+    void prefetch(const void* addr) const;
     size_t size();
     bool empty() { return size() == 0; }
 

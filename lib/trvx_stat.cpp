@@ -204,11 +204,15 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
     }
     size_t n = 0;
     void* next = nullptr;
+    size_t next_size = 0;
     try {
         spin_guard lock(m_quarantine_mutex);
         quarantine_locked(bi);
         while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
-        if (max != 0 && !m_delayed_free_queue.empty()) next = m_delayed_free_queue.front().m_addr;
+        if (max != 0 && !m_delayed_free_queue.empty()) {
+            next = m_delayed_free_queue.front().m_addr;
+            next_size = m_delayed_free_queue.front().m_alloc_size;
+        }
     } catch (...) {
         if (traced) {
             scoped_lock trace_lock(&m_mutex);
@@ -218,8 +222,13 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
     }
     // The oldest block left is the next to be given back, 10 MiB of
     // releases after it went cold: fetch its chunk header now, so that the
-    // next allocator's free finds it in the cache.
-    if (next != nullptr) __builtin_prefetch(static_cast<char*>(next) - 16, 1, 1);
+    // next allocator's free finds it in the cache, and its first lines,
+    // which the allocator is likely to hand out again soon.
+    if (next != nullptr) {
+        char* c = static_cast<char*>(next) - 16;
+        size_t extent = next_size + 16 < 1024 ? next_size + 16 : 1024;
+        for (size_t off = 0; off < extent; off += 64) __builtin_prefetch(c + off, 1, 2);
+    }
     return n;
 }
 

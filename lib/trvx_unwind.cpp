@@ -389,14 +389,65 @@ rule lookup_rule(uintptr_t pc) {
 
 // ---------------------------------------------------------------- walk
 
+// Each thread keeps the rules of the return addresses it met last in a small
+// direct-mapped table of its own: a walk through hot code reads one line of
+// the thread's own memory per frame instead of a slot of the shared cache
+// and its sequence counter. A change of the shared generation (code
+// unloaded) empties it before its next use. A walk that starts while the
+// thread's table is in use (from a signal handler that interrupted a walk)
+// reads the shared cache only.
+constexpr size_t k_thread_slots = 128;
+struct thread_rules {
+    uint64_t generation;
+    bool busy;
+    struct {
+        uintptr_t key;
+        uint64_t value;
+    } slots[k_thread_slots];
+};
+__thread thread_rules t_rules __attribute__((tls_model("initial-exec")));
+
+rule thread_rule(thread_rules* tr, uintptr_t pc) {
+    if (tr == nullptr) return lookup_rule(pc);
+    auto& e = tr->slots[(pc * 0x9E3779B97F4A7C15ULL) >> 57];
+    if (e.key == pc) return unpack(e.value);
+    rule r = lookup_rule(pc);
+    e.key = pc;
+    e.value = pack(r);
+    return r;
+}
+
+thread_rules* claim_thread_rules() {
+    thread_rules* tr = &t_rules;
+    if (tr->busy) return nullptr;
+    tr->busy = true;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
+    if (tr->generation != gen) {
+        memset(tr->slots, 0, sizeof tr->slots);
+        tr->generation = gen;
+    }
+    return tr;
+}
+
+void release_thread_rules(thread_rules* tr) {
+    if (tr == nullptr) return;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    tr->busy = false;
+}
+
 // 0..n: count; -1: fall back on glibc.
 int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp) {
+    thread_rules* tr = claim_thread_rules();
     int n = 0;
     uintptr_t prev_pc = 0, prev_sp = 0;
     while (n < max) {
         if (n > 0 && pc == prev_pc && sp == prev_sp) break;  // no progress: the walk ends here
-        rule r = lookup_rule(pc);
-        if (r.kind == k_unsupported) return -1;
+        rule r = thread_rule(tr, pc);
+        if (r.kind == k_unsupported) {
+            n = -1;
+            break;
+        }
         frames[n++] = reinterpret_cast<void*>(pc);
         if (r.kind != k_step) break;
         uintptr_t cfa = (r.cfa_rbp ? fp : sp) + intptr_t(r.cfa_off);
@@ -407,6 +458,7 @@ int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp) {
         sp = cfa;
         if (pc == 0) break;
     }
+    release_thread_rules(tr);
     return n;
 }
 

@@ -21,9 +21,9 @@ block_registry::block_registry() = default;
 block_registry::~block_registry() {
     for (shard& s : m_shards) {
         next_free(s.slots);
-        if (s.odd_sizes) {
-            s.odd_sizes->~size_map();
-            next_free(s.odd_sizes);
+        if (s.odd_records) {
+            s.odd_records->~odd_map();
+            next_free(s.odd_records);
         }
     }
 }
@@ -94,13 +94,17 @@ void block_registry::grow(shard& s) {
 void block_registry::fill(const shard& s, const entry& e, block_info& out) {
     out.m_addr = reinterpret_cast<void*>(e.key & ~k_odd);
     out.m_size = e.size;
-    out.m_alloc_size = e.size + k_footer_size;
-    if ((e.key & k_odd) && s.odd_sizes) {
-        auto it = s.odd_sizes->find(e.key & ~k_odd);
-        if (it != s.odd_sizes->end()) out.m_alloc_size = it->second;
-    }
+    out.m_alloc_size = size_t(e.size) + k_footer_size;
     out.m_alloc_uid = e.alloc_uid;
-    out.m_free_uid = e.free_uid;
+    out.m_free_uid = 0;
+    if ((e.key & k_odd) && s.odd_records) {
+        auto it = s.odd_records->find(e.key & ~k_odd);
+        if (it != s.odd_records->end()) {
+            out.m_size = it->second.size;
+            out.m_alloc_size = it->second.alloc_size;
+            out.m_free_uid = it->second.free_uid;
+        }
+    }
 }
 
 void block_registry::prefetch(const void* p) const {
@@ -116,24 +120,24 @@ void block_registry::insert(const block_info& bi) {
     shard& s = shard_of(m_shards, addr);
     spin_guard lock(s.mutex);
     if ((s.used + 1) * 8 > s.capacity * 7) grow(s);
-    bool odd = bi.m_alloc_size != bi.m_size + k_footer_size;
+    bool odd = bi.m_alloc_size != bi.m_size + k_footer_size || bi.m_size > UINT32_MAX || bi.m_free_uid != 0;
     if (odd) {
-        if (s.odd_sizes == nullptr) {
-            void* mem = next_malloc(sizeof(size_map));
+        if (s.odd_records == nullptr) {
+            void* mem = next_malloc(sizeof(odd_map));
             if (mem == nullptr) throw std::bad_alloc();
-            s.odd_sizes = new (mem) size_map();
+            s.odd_records = new (mem) odd_map();
         }
-        (*s.odd_sizes)[addr] = bi.m_alloc_size;
+        (*s.odd_records)[addr] = odd_record{bi.m_size, bi.m_alloc_size, bi.m_free_uid};
     }
     size_t i = probe(s, addr);
     entry& e = s.slots[i];
     if (e.key <= k_erased) {
         if (e.key == k_empty) ++s.used;
         ++s.live;
-    } else if ((e.key & k_odd) && !odd && s.odd_sizes) {
-        s.odd_sizes->erase(addr);
+    } else if ((e.key & k_odd) && !odd && s.odd_records) {
+        s.odd_records->erase(addr);
     }
-    e = entry{addr | (odd ? k_odd : 0), bi.m_size, bi.m_alloc_uid, bi.m_free_uid};
+    e = entry{addr | (odd ? k_odd : 0), uint32_t(bi.m_size), bi.m_alloc_uid};
 }
 
 bool block_registry::remove(void* p, block_info& out) {
@@ -144,7 +148,7 @@ bool block_registry::remove(void* p, block_info& out) {
     entry& e = s.slots[probe(s, addr)];
     if (e.key <= k_erased) return false;
     fill(s, e, out);
-    if ((e.key & k_odd) && s.odd_sizes) s.odd_sizes->erase(addr);
+    if ((e.key & k_odd) && s.odd_records) s.odd_records->erase(addr);
     e.key = k_erased;
     --s.live;
     return true;

@@ -5,8 +5,9 @@
 // open-addressing hash table under its own mutex: threads that work on
 // different blocks rarely meet, and nothing is allocated per block. A
 // shard's lock is held for a probe of a few slots only.
-// An entry takes 24 bytes; the block's allocation size is kept only when it
-// differs from its size plus the footer (never, for the allocation paths).
+// An entry takes 16 bytes: address, size and allocation uid; anything else a
+// record holds is implied (allocation size = size + footer, no free uid) or,
+// when it is not, kept in a side map (never, for the allocation paths).
 #pragma once
 
 #include <pthread.h>
@@ -47,21 +48,29 @@ public:
     void unlock_all();
 
 private:
+    // 16 bytes. A record whose sizes or free uid do not fit this form (an
+    // allocation size other than size plus the footer, a size of 4 GiB or
+    // more, a free uid set) keeps them in the shard's side map instead.
     struct entry {
-        uintptr_t key;  // address; bit 63 set: the allocation size is in odd_sizes
-        uint64_t size;
+        uintptr_t key;  // address; bit 63 set: the record is in odd_records
+        uint32_t size;
         uint32_t alloc_uid;
+    };
+    struct odd_record {
+        uint64_t size;
+        uint64_t alloc_size;
         uint32_t free_uid;
     };
-    typedef std::map<uintptr_t, size_t, std::less<uintptr_t>, raw_allocator<std::pair<const uintptr_t, size_t>>>
-        size_map;
+    typedef std::map<uintptr_t, odd_record, std::less<uintptr_t>,
+                     raw_allocator<std::pair<const uintptr_t, odd_record>>>
+        odd_map;
     struct alignas(64) shard {
         spin_lock mutex;
         entry* slots = nullptr;
         size_t capacity = 0;  // a power of two, or 0
         size_t used = 0;      // live and erased slots
         size_t live = 0;
-        size_map* odd_sizes = nullptr;
+        odd_map* odd_records = nullptr;
     };
     static constexpr size_t k_shards = 64;
 

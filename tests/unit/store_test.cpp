@@ -71,6 +71,26 @@ TEST_F(Store, RegistrationIsCountedPerUidAndRemovalCountsDown) {
     EXPECT_EQ(stats.live_block_count(), 0u);
 }
 
+// Records that the registry's compact entry cannot hold come back whole, and
+// re-registering an address in the compact form forgets the unusual one.
+TEST_F(Store, UnusualRecordsRoundTripThroughTheRegistry) {
+    block_info rows[3] = {make_block(fake_addr(1), 10, 0x1), make_block(fake_addr(2), (uint64_t(1) << 32) + 5, 0x2),
+                          make_block(fake_addr(3), 7, 0x3, 0xF3)};
+    rows[0].m_alloc_size = 4096;
+    for (block_info& bi : rows) stats.insert_block_info(bi);
+    for (const block_info& bi : rows) {
+        block_info out;
+        ASSERT_TRUE(stats.find_block_info(bi.m_addr, out));
+        expect_same_record(out, bi);
+    }
+    insert(fake_addr(1), 12, 0x4);
+    block_info out;
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(1), out));
+    expect_same_record(out, make_block(fake_addr(1), 12, 0x4));
+    ASSERT_TRUE(stats.find_and_remove_block_info(fake_addr(2), out));
+    expect_same_record(out, rows[1]);
+}
+
 TEST_F(Store, SameAddressTwiceKeepsTheSecondRecordAndCountsBoth) {
     insert(fake_addr(1), 10, 0x1);
     insert(fake_addr(1), 30, 0x2);

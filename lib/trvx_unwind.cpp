@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "trvx_uid.h"
+
 extern "C" {
 struct trvx_eh_bases {
     void* tbase;
@@ -16,11 +18,12 @@ struct trvx_eh_bases {
 };
 // libgcc's own FDE lookup: the same table search its unwinder makes.
 const void* _Unwind_Find_FDE(void* pc, trvx_eh_bases* bases);
-int trvx_unwind_from(void** frames, int max, uintptr_t ra, uintptr_t sp, uintptr_t fp);
+int trvx_unwind_from(void** frames, int max, uintptr_t ra, uintptr_t sp, uintptr_t fp, uint32_t* uid);
 }
 
-// Entry point: records the caller's return address, stack pointer after the
-// return and frame pointer, then continues in trvx_unwind_from with the
+// Entry point: moves the uid pointer to the sixth argument, records the
+// caller's return address, stack pointer after the return and frame pointer,
+// then continues in trvx_unwind_from with the
 // caller's return address still on the stack, so that a fall-back call of
 // glibc's backtrace() from there sees the same frames.
 asm(R"(
@@ -30,6 +33,7 @@ asm(R"(
     .type trvx_capture_stack,@function
 trvx_capture_stack:
     .cfi_startproc
+    movq %rdx, %r9
     movq (%rsp), %rdx
     leaq 8(%rsp), %rcx
     movq %rbp, %r8
@@ -436,9 +440,10 @@ void release_thread_rules(thread_rules* tr) {
     tr->busy = false;
 }
 
-// 0..n: count; -1: fall back on glibc.
-int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp) {
+// 0..n: count; -1: fall back on glibc. The stack's uid goes to uid.
+int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid) {
     thread_rules* tr = claim_thread_rules();
+    uid = pc;
     int n = 0;
     uintptr_t prev_pc = 0, prev_sp = 0;
     while (n < max) {
@@ -448,6 +453,7 @@ int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp) {
             n = -1;
             break;
         }
+        if (n < k_uid_frames) uid = uid_step(uid, n, reinterpret_cast<void*>(pc));
         frames[n++] = reinterpret_cast<void*>(pc);
         if (r.kind != k_step) break;
         uintptr_t cfa = (r.cfa_rbp ? fp : sp) + intptr_t(r.cfa_off);
@@ -495,16 +501,35 @@ void unwind_cache_invalidate() { __atomic_add_fetch(&g_generation, 1, __ATOMIC_A
 
 }  // namespace tarvex
 
+namespace {
+uint32_t uid_of(void* const* frames, int n) {
+    if (n <= 0) return 0;
+    uint64_t h = reinterpret_cast<uint64_t>(frames[0]);
+    for (int i = 0; i < n && i < tarvex::k_uid_frames; ++i) h = tarvex::uid_step(h, i, frames[i]);
+    return uint32_t(h);
+}
+}  // namespace
+
 extern "C" __attribute__((visibility("hidden"))) int trvx_unwind_from(void** frames, int max, uintptr_t ra,
-                                                                       uintptr_t sp, uintptr_t fp) {
+                                                                       uintptr_t sp, uintptr_t fp, uint32_t* uid) {
     using namespace tarvex;
-    if (max <= 0) return 0;
-    int n = walk(frames, max, ra, sp, fp);
-    if (n < 0) return glibc_capture(frames, max, ra);
+    if (max <= 0) {
+        if (uid != nullptr) *uid = 0;
+        return 0;
+    }
+    uint64_t h = 0;
+    int n = walk(frames, max, ra, sp, fp, h);
+    if (n < 0) {
+        n = glibc_capture(frames, max, ra);
+        if (uid != nullptr) *uid = uid_of(frames, n);
+        return n;
+    }
     if (g_verify_unwind) {
         void* slow[128];
         int ns = glibc_capture(slow, max < 128 ? max : 128, ra);
         if (ns != n || memcmp(slow, frames, sizeof(void*) * size_t(n)) != 0) report_mismatch(frames, n, slow, ns);
+        if (n > 0 && uint32_t(h) != uid_of(frames, n)) report_mismatch(frames, n, slow, ns);
     }
+    if (uid != nullptr) *uid = n > 0 ? uint32_t(h) : 0;
     return n;
 }

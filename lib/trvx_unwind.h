@@ -19,11 +19,15 @@
 // makes the whole capture fall back on glibc's backtrace().
 #pragma once
 
+#include <cstdint>
+
 namespace tarvex {
 
 // Fills frames with at most max return addresses, innermost first; entry 0
 // is the return address into the caller of this function. Returns the count.
-extern "C" int trvx_capture_stack(void** frames, int max);
+// When uid is not null it receives the stack's uid (see trvx_uid.h), 0 for an
+// empty stack.
+extern "C" int trvx_capture_stack(void** frames, int max, uint32_t* uid = nullptr);
 
 // Forgets every cached rule (code may have been unloaded).
 void unwind_cache_invalidate();

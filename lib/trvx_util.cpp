@@ -12,6 +12,7 @@
 
 #include "trvx_lock.h"
 #include "trvx_stat.h"
+#include "trvx_uid.h"
 #include "trvx_unwind.h"
 
 tarvex::context* g_ctx;
@@ -196,40 +197,16 @@ bool proc_info::is_target_proc() {
 namespace {
 env_value g_nobacktrace("TARVEX_NOBACKTRACE");
 
-struct multiplier_table {
-    uint64_t b[backtrace::k_capacity];
-    constexpr multiplier_table() : b() {
-        uint64_t v = 31415;
-        for (int i = 0; i < backtrace::k_capacity; ++i) {
-            v = (v * 27183) % 0xFFFFFFFFULL;
-            b[i] = v;
-        }
-    }
-};
-constexpr multiplier_table k_multipliers;
 }  // namespace
 
 bool backtraces_disabled() { return g_nobacktrace.get() != nullptr; }
 
-namespace {
-// x mod (2^32 - 1) without a division: 2^32 is 1 modulo 2^32 - 1, so the
-// high and low halves add up to a congruent value below 2^33, folded again.
-inline uint64_t mod_m32(uint64_t x) {
-    const uint64_t m = 0xFFFFFFFFULL;
-    x = (x >> 32) + (x & m);
-    x = (x >> 32) + (x & m);
-    return x >= m ? x - m : x;
-}
-}  // namespace
+static_assert(backtrace::k_capacity == k_uid_frames, "a uid covers every captured frame");
 
 uint32_t stack_uid(void* const* frames, int count) {
     if (count <= 0) return 0;
-    const uint64_t m = 0xFFFFFFFFULL;
     uint64_t h = reinterpret_cast<uint64_t>(frames[0]);
-    for (int i = 0; i < count && i < backtrace::k_capacity; ++i) {
-        h = mod_m32(h * k_multipliers.b[i]);
-        h = (h + (reinterpret_cast<uint64_t>(frames[i]) & m)) & m;
-    }
+    for (int i = 0; i < count && i < backtrace::k_capacity; ++i) h = uid_step(h, i, frames[i]);
     return static_cast<uint32_t>(h);
 }
 
@@ -239,9 +216,10 @@ backtrace::backtrace() {
         m_cookie = 0;
         return;
     }
-    int n = trvx_capture_stack(m_bt, k_capacity);
+    uint32_t uid = 0;
+    int n = trvx_capture_stack(m_bt, k_capacity, &uid);
     m_bt_len = n > 0 ? n : 0;
-    m_cookie = compute_cookie();
+    m_cookie = uid;
 }
 
 backtrace::backtrace(const std::vector<void*>& frames) : backtrace(frames.data(), frames.size()) {}

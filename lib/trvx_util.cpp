@@ -29,8 +29,7 @@ void fail_assert(const char* expr, const char* file, unsigned line, const char* 
 // may well be set: such a read is not kept, and the next call reads again.
 bool environment_ready() { return __atomic_load_n(&environ, __ATOMIC_ACQUIRE) != nullptr; }
 
-const char* env_value::get() {
-    if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE)) return m_value;
+const char* env_value::load() {
     if (!environment_ready()) return nullptr;
     const char* value = getenv(m_name);
     __atomic_store_n(&m_value, value, __ATOMIC_RELAXED);
@@ -253,6 +252,7 @@ namespace {
 // Uids known to be in the stack cache, by their low bits. Entries of the
 // cache are never removed, so a uid seen here needs no lock and no lookup:
 // the common case of a tracked call (a known call site) stays lock-free.
+// Kept small: each page of it that a forked child writes is a page copied.
 constexpr unsigned k_known_slots = 1 << 12;
 unsigned int g_known_uids[k_known_slots];
 

@@ -32,9 +32,14 @@ bool environment_ready();
 class env_value {
 public:
     explicit constexpr env_value(const char* name) : m_name(name) {}
-    const char* get();
+    const char* get() {
+        if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE)) return m_value;
+        return load();
+    }
 
 private:
+    const char* load();
+
     const char* m_name;
     const char* m_value = nullptr;
     bool m_loaded = false;

@@ -64,13 +64,17 @@ private:
     typedef std::map<uintptr_t, odd_record, std::less<uintptr_t>,
                      raw_allocator<std::pair<const uintptr_t, odd_record>>>
         odd_map;
+    // Two cache lines: the lock and counters, which every insert and remove
+    // write, and the table's place and size, which change only when it
+    // grows; a prefetch reads the second without pulling the first away
+    // from the thread that holds the lock.
     struct alignas(64) shard {
         spin_lock mutex;
-        entry* slots = nullptr;
-        size_t capacity = 0;  // a power of two, or 0
-        size_t used = 0;      // live and erased slots
+        size_t used = 0;  // live and erased slots
         size_t live = 0;
         odd_map* odd_records = nullptr;
+        alignas(64) entry* slots = nullptr;
+        size_t capacity = 0;  // a power of two, or 0
     };
     static constexpr size_t k_shards = 64;
 

@@ -109,33 +109,50 @@ bool mem_stats::tracing_this_thread() const {
 
 // Registers the block; on a failure to get memory nothing stays changed, so
 // the caller can give the block back and report the request as failed.
-// Without counting and tracing only the registry's shard is locked.
+// Without tracing the store's mutex is not taken: counting takes the
+// counters' lock around the registry's shard, and the periodic report the
+// mutex only when it is due.
 void mem_stats::insert_block_info(tarvex::block_info& bi) {
     bool counting = get_alloc_stat_on();
-    if (!counting && !may_trace()) {
-        m_block_info_map.insert(bi);
+    if (!may_trace()) {
+        insert_counted(bi, counting);
+        if (counting) periodic_check();
         return;
     }
     scoped_lock lock(&m_mutex);
     bool traced = false;
-    uid_counter* c = nullptr;
     if (tracing_this_thread()) {
         m_trace_list.push_back(bi);
         traced = true;
     }
     try {
-        if (counting) c = &m_uid_stats[bi.m_alloc_uid];
-        m_block_info_map.insert(bi);
+        insert_counted(bi, counting);
     } catch (...) {
         if (traced) m_trace_list.pop_back();
         throw;
     }
-    if (counting) {
-        c->first += 1;
-        c->second += bi.m_size;
-        m_total_count += 1;
-        m_total_size += bi.m_size;
+    periodic_trigger(lock);
+}
+
+// The registry entry and, when counting, the site's and the process's
+// counters, changed together under the counters' lock.
+void mem_stats::insert_counted(const tarvex::block_info& bi, bool counting) {
+    if (!counting) {
+        m_block_info_map.insert(bi);
+        return;
     }
+    spin_guard lock(m_counters_lock);
+    uid_counter& c = m_uid_stats[bi.m_alloc_uid];
+    m_block_info_map.insert(bi);
+    c.first += 1;
+    c.second += bi.m_size;
+    m_total_count += 1;
+    m_total_size += bi.m_size;
+}
+
+void mem_stats::periodic_check() {
+    if (s_clock(nullptr) - __atomic_load_n(&m_last_dump_time, __ATOMIC_RELAXED) <= 10) return;
+    scoped_lock lock(&m_mutex);
     periodic_trigger(lock);
 }
 
@@ -155,7 +172,7 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
     }
     pthread_setcancelstate(cancel_state, nullptr);
     lock.lock();
-    m_last_dump_time = s_clock(nullptr);
+    __atomic_store_n(&m_last_dump_time, s_clock(nullptr), __ATOMIC_RELAXED);
 }
 
 // Never allocates: a site without a counter entry (cleared since) has
@@ -163,7 +180,7 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
 // none is created.
 bool mem_stats::find_and_remove_block_info(void* addr, tarvex::block_info& out) {
     if (!get_alloc_stat_on()) return m_block_info_map.remove(addr, out);
-    scoped_lock lock(&m_mutex);
+    spin_guard lock(m_counters_lock);
     if (!m_block_info_map.remove(addr, out)) return false;
     auto c = m_uid_stats.find(out.m_alloc_uid);
     if (c != m_uid_stats.end() && c->second.first != 0) {
@@ -404,8 +421,11 @@ void mem_stats::write_top(unsigned long n) {
     time_t last;
     {
         scoped_lock lock(&m_mutex);
-        total_count = m_total_count;
         last = m_last_dump_time;
+    }
+    {
+        spin_guard lock(m_counters_lock);
+        total_count = m_total_count;
     }
     uint64_t elapsed = static_cast<uint64_t>(now - last);
     uint64_t rate = total_count / (elapsed == 0 ? 1 : elapsed);
@@ -419,7 +439,7 @@ void mem_stats::write_top(unsigned long n) {
     }
     report_stream out{open_report_stream()};
     {
-        scoped_lock lock(&m_mutex);
+        spin_guard lock(m_counters_lock);
         m_total_count = 0;
     }
     std::vector<mem_stat_top> by_count, by_size;
@@ -432,7 +452,7 @@ void mem_stats::write_top(unsigned long n) {
 
     uint64_t total_size;
     {
-        scoped_lock lock(&m_mutex);
+        spin_guard lock(m_counters_lock);
         total_size = m_total_size;
     }
     std::string short_form;
@@ -479,7 +499,7 @@ void rank(const std::vector<mem_stats::mem_stat_top>& sites, uint64_t mem_stats:
 void mem_stats::find_top(unsigned long n, std::vector<mem_stat_top>& by_count, std::vector<mem_stat_top>& by_size) {
     std::vector<mem_stat_top> sites;
     {
-        scoped_lock lock(&m_mutex);
+        spin_guard lock(m_counters_lock);
         sites.reserve(m_uid_stats.size());
         for (const auto& e : m_uid_stats) sites.push_back(mem_stat_top{e.first, e.second.first, e.second.second});
     }
@@ -488,7 +508,7 @@ void mem_stats::find_top(unsigned long n, std::vector<mem_stat_top>& by_count, s
 }
 
 void mem_stats::clear_alloc_stats() {
-    scoped_lock lock(&m_mutex);
+    spin_guard lock(m_counters_lock);
     m_uid_stats.clear();
 }
 
@@ -509,6 +529,7 @@ void mem_stats::format_str_bytes(std::string& out, unsigned long bytes) {
 void mem_stats::lock_for_fork() {
     pthread_mutex_lock(&g_report_mutex);
     pthread_mutex_lock(&m_mutex);
+    m_counters_lock.lock();
     m_quarantine_mutex.lock();
     m_block_info_map.lock_all();
 }
@@ -516,6 +537,7 @@ void mem_stats::lock_for_fork() {
 void mem_stats::unlock_after_fork(bool child) {
     m_block_info_map.unlock_all();
     m_quarantine_mutex.unlock();
+    m_counters_lock.unlock();
     pthread_mutex_unlock(&m_mutex);
     pthread_mutex_unlock(&g_report_mutex);
     // A report that another thread of the parent was writing does not go on
@@ -536,7 +558,7 @@ size_t mem_stats::quarantine_block_count() {
 }
 
 bool mem_stats::uid_counters(uint32_t uid, uint64_t& count, uint64_t& size) {
-    scoped_lock lock(&m_mutex);
+    spin_guard lock(m_counters_lock);
     auto it = m_uid_stats.find(uid);
     if (it == m_uid_stats.end()) return false;
     count = it->second.first;
@@ -545,12 +567,12 @@ bool mem_stats::uid_counters(uint32_t uid, uint64_t& count, uint64_t& size) {
 }
 
 uint64_t mem_stats::total_size() {
-    scoped_lock lock(&m_mutex);
+    spin_guard lock(m_counters_lock);
     return m_total_size;
 }
 
 uint64_t mem_stats::total_count() {
-    scoped_lock lock(&m_mutex);
+    spin_guard lock(m_counters_lock);
     return m_total_count;
 }
 

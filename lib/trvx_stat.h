@@ -9,15 +9,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "trvx_lock.h"
 #include "trvx_next.h"
 #include "trvx_registry.h"
 #include "trvx_ring.h"
+#include "trvx_uid_map.h"
 #include "trvx_util.h"
 
 namespace tarvex {
@@ -130,13 +129,10 @@ public:
     size_t trace_length();
 
 private:
-    template <class K, class V>
-    using raw_map = std::map<K, V, std::less<K>, raw_allocator<std::pair<const K, V>>>;
-    template <class K, class V>
-    using raw_hash_map =
-        std::unordered_map<K, V, std::hash<K>, std::equal_to<K>, raw_allocator<std::pair<const K, V>>>;
     typedef std::pair<uint64_t, uint64_t> uid_counter;
 
+    void insert_counted(const tarvex::block_info& bi, bool counting);
+    void periodic_check();
     void periodic_trigger(class scoped_lock& lock);
     void dump_alloc_stats_periodic(unsigned long n);
     void write_top(unsigned long n);
@@ -152,9 +148,12 @@ private:
     static void close_report_stream(FILE* out);
 
 public:
-    // Lock order: m_mutex, m_quarantine_mutex, the registry's shards; the
-    // symbol cache's mutex after all of them.
+    // Lock order: m_mutex, m_counters_lock, m_quarantine_mutex, the
+    // registry's shards; the symbol cache's mutex after all of them.
+    // m_mutex guards the trace and the report times; m_counters_lock the
+    // per-site counters and the totals, for a few instructions at a time.
     pthread_mutex_t m_mutex;
+    spin_lock m_counters_lock;
     bool m_trace_on;
     pthread_t m_trace_thread;
     uint64_t m_total_size;
@@ -166,7 +165,7 @@ public:
     alignas(64) spin_lock m_quarantine_mutex;
     uint64_t m_delayed_free_size;
     ring<block_info> m_delayed_free_queue;
-    alignas(64) raw_hash_map<uint32_t, uid_counter> m_uid_stats;
+    alignas(64) uid_map m_uid_stats;
     time_t m_last_dump_time;
     std::vector<block_info, raw_allocator<block_info>> m_trace_list;
 };

@@ -91,6 +91,21 @@ TEST_F(Store, UnusualRecordsRoundTripThroughTheRegistry) {
     expect_same_record(out, rows[1]);
 }
 
+// Many sites, uid 0 among them (the uid of every stack when stacks are not
+// captured): each keeps its own counter while the counters' table grows.
+TEST_F(Store, EverySiteKeepsItsCounterAsTheTableGrows) {
+    for (uint32_t uid = 0; uid < 3000; ++uid) {
+        insert(fake_addr(uid), uid + 1, uid);
+        if (uid % 2 == 0) insert(fake_addr(100000 + uid), 7, uid);
+    }
+    for (uint32_t uid = 0; uid < 3000; ++uid)
+        EXPECT_EQ(counters(uid), std::make_pair(uint64_t(uid % 2 ? 1 : 2), uint64_t(uid + 1 + (uid % 2 ? 0 : 7))))
+            << uid;
+    EXPECT_EQ(stats.m_uid_stats.size(), 3000u);
+    uint64_t count = 0, size = 0;
+    EXPECT_FALSE(stats.uid_counters(3000, count, size));
+}
+
 TEST_F(Store, SameAddressTwiceKeepsTheSecondRecordAndCountsBoth) {
     insert(fake_addr(1), 10, 0x1);
     insert(fake_addr(1), 30, 0x2);

@@ -31,12 +31,18 @@ block_info_footer* block_info::create_footer() {
     return f;
 }
 
+// One fixed-length pass of word stores: a variable-length memcpy and memset
+// here compile to string instructions whose start-up costs more than these
+// 256 bytes.
 void block_info::update_block_info_footer(tarvex::backtrace& bt, block_info_footer* footer) {
     char* frames = reinterpret_cast<char*>(footer) + offsetof(block_info_footer, m_frames);
     int len = bt.get_bt_len();
     size_t stored = len <= 0 ? 0 : (len < k_footer_frames ? size_t(len) : size_t(k_footer_frames));
-    memcpy(frames, bt.get_bt(), stored * sizeof(uint64_t));
-    memset(frames + stored * sizeof(uint64_t), 0xFF, (k_footer_frames - stored) * sizeof(uint64_t));
+    void* const* src = bt.get_bt();
+    for (size_t i = 0; i < size_t(k_footer_frames); ++i) {
+        uint64_t v = i < stored ? reinterpret_cast<uint64_t>(src[i]) : ~uint64_t(0);
+        memcpy(frames + i * sizeof v, &v, sizeof v);
+    }
 }
 
 bool block_info::verify_footer() {

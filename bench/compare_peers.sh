@@ -14,7 +14,8 @@
 #   heaptrack (records every call with its stack)
 #   glibc's malloc checking: libc_malloc_debug.so preloaded with
 #     GLIBC_TUNABLES=glibc.malloc.check=3 and MALLOC_CHECK_=3
-# A tool that is not installed is reported as missing and skipped.
+# A tool that is not installed is reported as missing and skipped. Runs on
+# one thread are pinned to the last core.
 #
 # usage: bench/compare_peers.sh [--rounds N] [--count N] [--valgrind-count N]
 #                               [--depth N] [--build DIR] [--out DIR]
@@ -93,6 +94,14 @@ command -v valgrind >/dev/null || missing[valgrind]="valgrind not installed"
 command -v heaptrack >/dev/null || missing[heaptrack]="heaptrack not installed"
 [[ -n $malloc_debug ]] || label[malloc_check]="glibc MALLOC_CHECK_=3 (no libc_malloc_debug.so: glibc before 2.34)"
 
+# One-thread runs all go to the same core: the cores of a virtual machine
+# can differ in speed by half (a busy neighbour on a shared physical core),
+# and a ratio is only fair between runs on the same one.
+pin_cpu=$(($(nproc) - 1))
+pin_to_one_cpu() {
+  command -v taskset >/dev/null && taskset -cp "$pin_cpu" "$BASHPID" >/dev/null 2>&1 || true
+}
+
 run_tool() {  # tool, threads
   local tool=$1 threads=$2 n=$count
   [[ $tool == valgrind ]] && n=$vg_count
@@ -142,7 +151,7 @@ for ((r = 1; r <= rounds; r++)); do
     for tool in "${tools[@]}"; do
       [[ -z ${missing[$tool]:-} ]] || continue
       echo "compare_peers.sh: round $r/$rounds, $threads thread(s), ${label[$tool]}" >&2
-      if ! output=$(run_tool "$tool" "$threads"); then
+      if ! output=$( ((threads == 1)) && pin_to_one_cpu; run_tool "$tool" "$threads"); then
         echo "compare_peers.sh: WARNING: ${label[$tool]} failed with $threads thread(s)" >&2
       fi
       grep '^result ' <<<"$output" | sed "s/^result /tool=$tool round=$r /" >>"$raw" || true

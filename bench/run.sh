@@ -96,6 +96,14 @@ if ((${#from[@]})); then
   cat "${from[@]}" >"$raw"
 fi
 
+# One-thread runs all go to the same core: the cores of a virtual machine
+# can differ in speed by half (a busy neighbour on a shared physical core),
+# and a ratio is only fair between runs on the same one.
+pin_cpu=$(($(nproc) - 1))
+pin_to_one_cpu() {
+  command -v taskset >/dev/null && taskset -cp "$pin_cpu" "$BASHPID" >/dev/null 2>&1 || true
+}
+
 # One run of the benchmark program in one of the four ways.
 run_mode() {
   local mode=$1
@@ -113,7 +121,9 @@ run_mode() {
 record() {
   local mode=$1 round=$2 output
   shift 2
-  if ! output=$(run_mode "$mode" "$@"); then
+  local pin=0
+  [[ " $* " == *" --threads=1 "* || $1 == rss ]] && pin=1
+  if ! output=$( ((pin)) && pin_to_one_cpu; run_mode "$mode" "$@"); then
     echo "run.sh: WARNING: the $mode run of '$*' failed; its figures are missing" >&2
   fi
   local usable

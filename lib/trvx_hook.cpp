@@ -253,10 +253,8 @@ bool register_block(tarvex::backtrace& bt, block_info& bi) {
 // and the fills behind find them in the cache. A large block's first lines
 // only; its fill runs at memory bandwidth anyway.
 void prefetch_for_fill(void* p, size_t size) {
-    char* c = static_cast<char*>(p);
-    size_t user = size < 1024 ? size : 1024;
-    for (size_t off = 0; off < user; off += 64) __builtin_prefetch(c + off, 1, 3);
-    for (size_t off = 0; off < k_footer_size + 63; off += 64) __builtin_prefetch(c + size + off, 1, 3);
+    tarvex::prefetch_lines(p, size, 1024);
+    tarvex::prefetch_lines(static_cast<char*>(p) + size, k_footer_size, k_footer_size);
 }
 
 // A fresh block of size user bytes behind which the footer lies. A size that

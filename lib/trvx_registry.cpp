@@ -1,7 +1,5 @@
 #include "trvx_registry.h"
 
-#include <sys/mman.h>
-
 #include <cstring>
 #include <new>
 
@@ -56,27 +54,12 @@ size_t block_registry::probe(const shard& s, uintptr_t addr) {
     }
 }
 
-namespace {
-// A table of millions of entries is probed at random: one lookup would cost
-// a TLB miss on top of the cache miss with small pages. Its whole 2 MiB
-// pages are offered to the kernel as huge pages before they are first
-// touched (where transparent huge pages are enabled for such requests).
-void advise_huge_pages(void* p, size_t bytes) {
-    constexpr uintptr_t k_huge = uintptr_t(2) << 20;
-    if (bytes < 2 * k_huge) return;
-    uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + k_huge - 1) & ~(k_huge - 1);
-    uintptr_t end = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(k_huge - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-}
-}  // namespace
-
 // Doubles the table (or rebuilds it at the same size when it is mostly
 // erased slots). Throws std::bad_alloc and changes nothing on failure.
 void block_registry::grow(shard& s) {
     size_t capacity = s.capacity == 0 ? 64 : (s.live * 2 < s.capacity ? s.capacity : s.capacity * 2);
     entry* slots = static_cast<entry*>(next_malloc(capacity * sizeof(entry)));
     if (slots == nullptr) throw std::bad_alloc();
-    advise_huge_pages(slots, capacity * sizeof(entry));
     memset(slots, 0, capacity * sizeof(entry));
     shard old = s;
     __atomic_store_n(&s.slots, slots, __ATOMIC_RELAXED);

@@ -210,7 +210,10 @@ void mem_stats::quarantine_locked(const block_info& bi) {
 
 // The tracing thread's release record goes into the trace before the block
 // enters the quarantine, so that a failure of either leaves neither.
-void mem_stats::quarantine(const block_info& bi) { quarantine_and_take(bi, nullptr, 0); }
+void mem_stats::quarantine(const block_info& bi) {
+    void* none[1];
+    quarantine_and_take(bi, none, 0);
+}
 
 // The tracing thread's release record goes into the trace before the block
 // enters the quarantine, so that a failure of either leaves neither. The
@@ -247,11 +250,7 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
     // releases after it went cold: fetch its chunk header now, so that the
     // next allocator's free finds it in the cache, and its first lines,
     // which the allocator is likely to hand out again soon.
-    if (next != nullptr) {
-        char* c = static_cast<char*>(next) - 16;
-        size_t extent = next_size + 16 < 1024 ? next_size + 16 : 1024;
-        for (size_t off = 0; off < extent; off += 64) __builtin_prefetch(c + off, 1, 2);
-    }
+    if (next != nullptr) prefetch_lines(static_cast<char*>(next) - 16, next_size + 16, 1024);
     return n;
 }
 

@@ -129,7 +129,7 @@ public:
     size_t trace_length();
 
 private:
-    typedef std::pair<uint64_t, uint64_t> uid_counter;
+    typedef uid_map::counter uid_counter;
 
     void insert_counted(const tarvex::block_info& bi, bool counting);
     void periodic_check();

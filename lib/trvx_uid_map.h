@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "trvx_next.h"
 
@@ -18,7 +17,11 @@ namespace tarvex {
 
 class uid_map {
 public:
-    typedef std::pair<uint64_t, uint64_t> counter;
+    // Count and bytes, named like a pair's members.
+    struct counter {
+        uint64_t first;
+        uint64_t second;
+    };
     struct value_type {
         uint32_t first;
         uint32_t used;  // 0: empty slot
@@ -71,7 +74,7 @@ public:
         }
         if ((m_size + 1) * 4 > m_capacity * 3) grow();
         value_type* s = &m_slots[probe(uid)];
-        *s = value_type{uid, 1, counter(0, 0)};
+        *s = value_type{uid, 1, counter{0, 0}};
         ++m_size;
         return s->second;
     }

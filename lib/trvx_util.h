@@ -142,6 +142,14 @@ private:
     uint32_t m_cookie;
 };
 
+// Starts fetching, for writing, the cache lines of the first min(bytes, cap)
+// bytes at p: memory that the fills or the allocator will write soon.
+inline void prefetch_lines(const void* p, size_t bytes, size_t cap) {
+    const char* c = static_cast<const char*>(p);
+    const char* end = c + (bytes < cap ? bytes : cap);
+    for (; c < end; c += 64) __builtin_prefetch(c, 1, 3);
+}
+
 // Uid of a list of return addresses (the hash of backtrace::compute_cookie).
 uint32_t stack_uid(void* const* frames, int count);
 bool backtraces_disabled();

@@ -2,8 +2,10 @@
 // scope, exceptions included.
 #pragma once
 
+#include <linux/futex.h>
 #include <pthread.h>
-#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace tarvex {
 
@@ -29,32 +31,38 @@ private:
     bool m_held = true;
 };
 
-// A lock for the few-instruction critical sections of the allocation paths
-// (a registry shard, the quarantine's ends). A waiter spins briefly and then
-// yields its core, so it never sleeps in the kernel: a contended mutex
-// costs two system calls, many times these sections' length. Release is a
-// plain store, so unlocking never waits for the caller's earlier stores
-// (the block fills) to reach the cache. Not recursive; holders never block.
+// A lock for the short critical sections of the allocation paths (a
+// registry shard, the quarantine's ends, the counters). A waiter spins a
+// little, since the holder usually leaves within a few hundred cycles, and
+// then sleeps on a futex: a waiter that only spun or yielded could keep a
+// preempted holder of lower (real-time) priority off its core for good. The
+// word is 0 (free), 1 (held) or 2 (held, maybe with sleepers); only an
+// unlock that finds 2 makes the wake-up call. Not recursive.
 class spin_lock {
 public:
     void lock() {
-        if (__atomic_exchange_n(&m_word, 1, __ATOMIC_ACQUIRE) != 0) lock_slow();
+        int expected = 0;
+        if (!__atomic_compare_exchange_n(&m_word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            lock_slow();
     }
-    void unlock() { __atomic_store_n(&m_word, 0, __ATOMIC_RELEASE); }
+    void unlock() {
+        if (__atomic_exchange_n(&m_word, 0, __ATOMIC_RELEASE) == 2) wake();
+    }
 
 private:
     void lock_slow() {
-        for (unsigned spins = 0;; ++spins) {
+        for (int spins = 0; spins < 100; ++spins) {
+            int expected = 0;
             if (__atomic_load_n(&m_word, __ATOMIC_RELAXED) == 0 &&
-                __atomic_exchange_n(&m_word, 1, __ATOMIC_ACQUIRE) == 0)
+                __atomic_compare_exchange_n(&m_word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
                 return;
-            if (spins < 64) {
-                __builtin_ia32_pause();
-            } else {
-                sched_yield();
-            }
+            __builtin_ia32_pause();
         }
+        while (__atomic_exchange_n(&m_word, 2, __ATOMIC_ACQUIRE) != 0)
+            syscall(SYS_futex, &m_word, FUTEX_WAIT_PRIVATE, 2, nullptr, nullptr, 0);
     }
+    void wake() { syscall(SYS_futex, &m_word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0); }
+
     int m_word = 0;
 };
 

@@ -95,7 +95,9 @@ void block_registry::prefetch(const void* p) const {
     const shard& s = shard_of(const_cast<shard*>(m_shards), addr);
     const entry* slots = __atomic_load_n(&s.slots, __ATOMIC_RELAXED);
     size_t capacity = __atomic_load_n(&s.capacity, __ATOMIC_RELAXED);
-    if (slots != nullptr) __builtin_prefetch(&slots[hash(addr) & (capacity - 1)], 1, 3);
+    // A grow in progress may pair the new table with the old size; a zero
+    // size (the first grow) would index nowhere.
+    if (slots != nullptr && capacity != 0) __builtin_prefetch(&slots[hash(addr) & (capacity - 1)], 1, 3);
 }
 
 void block_registry::insert(const block_info& bi) {

@@ -240,9 +240,13 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
             next_size = m_delayed_free_queue.front().m_alloc_size;
         }
     } catch (...) {
+        // The trace may have been cleared or added to since the mutex was
+        // dropped: only this release's own record is taken back.
         if (traced) {
             scoped_lock trace_lock(&m_mutex);
-            m_trace_list.pop_back();
+            if (!m_trace_list.empty() && m_trace_list.back().m_addr == bi.m_addr &&
+                m_trace_list.back().m_free_uid == bi.m_free_uid)
+                m_trace_list.pop_back();
         }
         throw;
     }

@@ -25,4 +25,18 @@ TEST(Threads, SixtyFourThreadsShareBlocksAndTheTotalsStayExact) {
     EXPECT_GT(count(log, "\n----------trace----------\n"), 5u);
 }
 
+// A SCHED_FIFO thread that preempts a lock's holder on the same core waits
+// for it instead of spinning; a waiter that never slept would keep the
+// holder off the core, and this run would not end before the time limit.
+TEST(Threads, RealTimeThreadWaitsForAPreemptedLockHolder) {
+    run_options o;
+    o.env = {{"TARVEX_TARGET_PROC_NAME", "stress_realtime"}};
+    o.timeout_s = 60;
+    result r = run({built("stress_realtime"), "2000"}, o);
+    ASSERT_TRUE(r.exited_ok()) << r.describe();
+    if (r.out.rfind("realtime: skipped", 0) == 0) GTEST_SKIP() << r.out;
+    EXPECT_EQ(r.out, "realtime: ok\n");
+    EXPECT_EQ(r.err, "");
+}
+
 }  // namespace

@@ -24,6 +24,8 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=bench/common.sh
+source "$root/bench/common.sh"
 build=$root/build-bench
 out=""
 rounds=3
@@ -94,14 +96,6 @@ command -v valgrind >/dev/null || missing[valgrind]="valgrind not installed"
 command -v heaptrack >/dev/null || missing[heaptrack]="heaptrack not installed"
 [[ -n $malloc_debug ]] || label[malloc_check]="glibc MALLOC_CHECK_=3 (no libc_malloc_debug.so: glibc before 2.34)"
 
-# One-thread runs all go to the same core: the cores of a virtual machine
-# can differ in speed by half (a busy neighbour on a shared physical core),
-# and a ratio is only fair between runs on the same one.
-pin_cpu=$(($(nproc) - 1))
-pin_to_one_cpu() {
-  command -v taskset >/dev/null && taskset -cp "$pin_cpu" "$BASHPID" >/dev/null 2>&1 || true
-}
-
 run_tool() {  # tool, threads
   local tool=$1 threads=$2 n=$count
   [[ $tool == valgrind ]] && n=$vg_count
@@ -125,16 +119,6 @@ run_tool() {  # tool, threads
 
 # ------------------------------------------------------------------ runs
 
-# The commit measured, when the sources are a git checkout.
-source_version() {
-  local v top
-  top=$(git -C "$root" rev-parse --show-toplevel 2>/dev/null || true)
-  if [[ $top == "$root" ]] && v=$(git -C "$root" describe --always --dirty 2>/dev/null); then
-    echo "$root at $v"
-  else
-    echo "$root"
-  fi
-}
 
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 {

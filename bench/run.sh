@@ -22,6 +22,8 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=bench/common.sh
+source "$root/bench/common.sh"
 build=$root/build-bench
 out=""
 rounds=3
@@ -96,14 +98,6 @@ if ((${#from[@]})); then
   cat "${from[@]}" >"$raw"
 fi
 
-# One-thread runs all go to the same core: the cores of a virtual machine
-# can differ in speed by half (a busy neighbour on a shared physical core),
-# and a ratio is only fair between runs on the same one.
-pin_cpu=$(($(nproc) - 1))
-pin_to_one_cpu() {
-  command -v taskset >/dev/null && taskset -cp "$pin_cpu" "$BASHPID" >/dev/null 2>&1 || true
-}
-
 # One run of the benchmark program in one of the four ways.
 run_mode() {
   local mode=$1
@@ -160,16 +154,6 @@ function ratio(v, base) { if (v == "" || base == "" || base + 0 == 0) return "n/
 
 # ------------------------------------------------------------------ machine
 
-# The commit measured, when the sources are a git checkout.
-source_version() {
-  local v top
-  top=$(git -C "$root" rev-parse --show-toplevel 2>/dev/null || true)
-  if [[ $top == "$root" ]] && v=$(git -C "$root" describe --always --dirty 2>/dev/null); then
-    echo "$root at $v"
-  else
-    echo "$root"
-  fi
-}
 
 cpu=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n1)
 say "# tarvex benchmarks ($(date -u +%Y-%m-%dT%H:%MZ))"

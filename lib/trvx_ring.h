@@ -1,5 +1,5 @@
-// A first-in, first-out queue of values in one growing circular array: the
-// quarantine's records in release order. Taking from the front and adding at
+// A first-in, first-out queue of values in one growing circular array: a
+// quarantine lane's records in release order. Taking from the front and adding at
 // the back touch the next slot of a sequential array, which the processor
 // fetches ahead by itself, and take no memory per record; finding a record
 // by its content is a scan, left to the rare fault reports.
@@ -30,13 +30,23 @@ public:
     // i-th oldest value, 0 <= i < size().
     T& operator[](size_t i) { return m_slots[(m_head + i) & m_mask]; }
     const T& operator[](size_t i) const { return m_slots[(m_head + i) & m_mask]; }
-    void pop_front() { ++m_head; }
+    void pop_front() { __atomic_store_n(&m_head, m_head + 1, __ATOMIC_RELAXED); }
+    // Read without the lock that guards the ring: a hint, which a thread that
+    // takes the lock next may find stale.
+    bool looks_empty() const {
+        return __atomic_load_n(&m_tail, __ATOMIC_RELAXED) == __atomic_load_n(&m_head, __ATOMIC_RELAXED);
+    }
 
+    // Makes room for one more value. Throws std::bad_alloc when the array
+    // cannot grow; nothing changes then.
+    void reserve_one() {
+        if (size() == capacity()) grow();
+    }
     // Throws std::bad_alloc when the array cannot grow; nothing changes then.
     void push_back(const T& v) {
-        if (size() == capacity()) grow();
+        reserve_one();
         m_slots[m_tail & m_mask] = v;
-        ++m_tail;
+        __atomic_store_n(&m_tail, m_tail + 1, __ATOMIC_RELAXED);
     }
 
 private:
@@ -51,8 +61,8 @@ private:
         next_free(m_slots);
         m_slots = slots;
         m_mask = n - 1;
-        m_head = 0;
-        m_tail = count;
+        __atomic_store_n(&m_head, 0, __ATOMIC_RELAXED);
+        __atomic_store_n(&m_tail, count, __ATOMIC_RELAXED);
     }
 
     T* m_slots = nullptr;

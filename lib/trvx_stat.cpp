@@ -99,8 +99,7 @@ mem_stats::mem_stats()
     : m_trace_on(false),
       m_trace_thread(0),
       m_total_size(0),
-      m_total_count(0),
-      m_delayed_free_size(0) {
+      m_total_count(0) {
     pthread_mutex_init(&m_mutex, nullptr);
     m_last_dump_time = s_clock(nullptr);
 }
@@ -201,13 +200,6 @@ bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) { return m_
 
 // ---------------------------------------------------------------- quarantine
 
-// On a failure to get memory nothing stays changed and the exception goes to
-// the caller, which then gives the block back at once.
-void mem_stats::quarantine_locked(const block_info& bi) {
-    m_delayed_free_queue.push_back(bi);
-    m_delayed_free_size += bi.m_alloc_size;
-}
-
 // The tracing thread's release record goes into the trace before the block
 // enters the quarantine, so that a failure of either leaves neither.
 void mem_stats::quarantine(const block_info& bi) {
@@ -215,10 +207,8 @@ void mem_stats::quarantine(const block_info& bi) {
     quarantine_and_take(bi, none, 0);
 }
 
-// The tracing thread's release record goes into the trace before the block
-// enters the quarantine, so that a failure of either leaves neither. The
-// quarantine's lock is taken once, to queue the block and take up to max
-// blocks that are due.
+// On a failure to get memory nothing stays changed and the exception goes to
+// the caller, which then gives the block back at once.
 size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t max) {
     bool traced = false;
     if (may_trace()) {
@@ -228,17 +218,10 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
             traced = true;
         }
     }
-    size_t n = 0;
-    void* next = nullptr;
-    size_t next_size = 0;
+    size_t n;
+    quarantine::next_block next;
     try {
-        spin_guard lock(m_quarantine_mutex);
-        quarantine_locked(bi);
-        while (n < max && (due[n] = take_due_locked()) != nullptr) ++n;
-        if (max != 0 && !m_delayed_free_queue.empty()) {
-            next = m_delayed_free_queue.front().m_addr;
-            next_size = m_delayed_free_queue.front().m_alloc_size;
-        }
+        n = m_delayed_free_queue.enter_and_take(bi, due, max, next);
     } catch (...) {
         // The trace may have been cleared or added to since the mutex was
         // dropped: only this release's own record is taken back.
@@ -254,43 +237,21 @@ size_t mem_stats::quarantine_and_take(const block_info& bi, void** due, size_t m
     // releases after it went cold: fetch its chunk header now, so that the
     // next allocator's free finds it in the cache, and its first lines,
     // which the allocator is likely to hand out again soon.
-    if (next != nullptr) prefetch_lines(static_cast<char*>(next) - 16, next_size + 16, 1024);
+    if (max != 0 && next.addr != nullptr)
+        prefetch_lines(static_cast<char*>(next.addr) - 16, next.alloc_size + 16, 1024);
     return n;
-}
-
-// The oldest block, once the quarantine holds more than its limit.
-void* mem_stats::take_due_locked() {
-    if (m_delayed_free_size <= k_quarantine_limit || m_delayed_free_queue.empty()) return nullptr;
-    const block_info& oldest = m_delayed_free_queue.front();
-    void* p = oldest.m_addr;
-    if (p == nullptr) fail_assert("p", "lib/trvx_stat", 347, "void* tarvex::mem_stats::get_next_to_free()");
-    m_delayed_free_size -= oldest.m_alloc_size;
-    m_delayed_free_queue.pop_front();
-    return p;
 }
 
 void mem_stats::delayed_free(tarvex::block_info& bi) { quarantine(bi); }
 
-void* mem_stats::get_next_to_free() {
-    spin_guard lock(m_quarantine_mutex);
-    return take_due_locked();
-}
+void* mem_stats::get_next_to_free() { return m_delayed_free_queue.take_due(); }
 
 size_t mem_stats::delayed_free_and_take(tarvex::block_info& bi, void** due, size_t max) {
     return quarantine_and_take(bi, due, max);
 }
 
-// A scan from the newest record back: this runs only when a fault is being
-// reported, and a block address is in the quarantine at most once.
 bool mem_stats::find_in_freed_list(void* addr, tarvex::block_info& out) {
-    spin_guard lock(m_quarantine_mutex);
-    for (size_t i = m_delayed_free_queue.size(); i-- > 0;) {
-        if (m_delayed_free_queue[i].m_addr == addr) {
-            out = m_delayed_free_queue[i];
-            return true;
-        }
-    }
-    return false;
+    return m_delayed_free_queue.find(addr, out);
 }
 
 // ---------------------------------------------------------------- trace
@@ -539,13 +500,13 @@ void mem_stats::lock_for_fork() {
     pthread_mutex_lock(&g_report_mutex);
     pthread_mutex_lock(&m_mutex);
     m_counters_lock.lock();
-    m_quarantine_mutex.lock();
+    m_delayed_free_queue.lock_all();
     m_block_info_map.lock_all();
 }
 
 void mem_stats::unlock_after_fork(bool child) {
     m_block_info_map.unlock_all();
-    m_quarantine_mutex.unlock();
+    m_delayed_free_queue.unlock_all();
     m_counters_lock.unlock();
     pthread_mutex_unlock(&m_mutex);
     pthread_mutex_unlock(&g_report_mutex);
@@ -556,15 +517,9 @@ void mem_stats::unlock_after_fork(bool child) {
 
 size_t mem_stats::live_block_count() { return m_block_info_map.size(); }
 
-uint64_t mem_stats::quarantine_bytes() {
-    spin_guard lock(m_quarantine_mutex);
-    return m_delayed_free_size;
-}
+uint64_t mem_stats::quarantine_bytes() { return m_delayed_free_queue.bytes(); }
 
-size_t mem_stats::quarantine_block_count() {
-    spin_guard lock(m_quarantine_mutex);
-    return m_delayed_free_queue.size();
-}
+size_t mem_stats::quarantine_block_count() { return m_delayed_free_queue.count(); }
 
 bool mem_stats::uid_counters(uint32_t uid, uint64_t& count, uint64_t& size) {
     spin_guard lock(m_counters_lock);

@@ -169,7 +169,7 @@ TEST_F(Store, QuarantineHoldsTenMebibytesOldestFirst) {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(release(fake_addr(fit + i), 1000), std::vector<void*>{fake_addr(i)});
     EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
-    EXPECT_EQ(stats.m_delayed_free_queue.front().m_addr, fake_addr(3));
+    EXPECT_EQ(stats.m_delayed_free_queue.own_records().front().bi.m_addr, fake_addr(3));
 }
 
 // Ten large blocks and then many small ones: the queue grows while its
@@ -206,10 +206,47 @@ TEST_F(Store, BlockOfExactlyTheLimitStays) {
     EXPECT_EQ(stats.quarantine_bytes(), 281u);
 }
 
-TEST_F(Store, EmptyQuarantineGivesNothingBackWhateverTheSum) {
+TEST_F(Store, EmptyQuarantineGivesNothingBack) {
     EXPECT_EQ(stats.get_next_to_free(), nullptr);
-    stats.m_delayed_free_size = uint64_t(1) << 40;
+    // Far more than the limit went through, and all of it is out again.
+    EXPECT_EQ(release(fake_addr(0), 3 * tarvex::k_quarantine_limit), std::vector<void*>{fake_addr(0)});
     EXPECT_EQ(stats.get_next_to_free(), nullptr);
+}
+
+// Another thread's releases wait in a lane of their own, yet they leave in
+// the one release order: once newer releases of any thread pass the limit,
+// they are out of the quarantine (a second release is no double free any
+// more), whether the releasing thread or a later drain gives them back.
+TEST_F(Store, BlocksOfAQuietThreadLeaveInTheGlobalReleaseOrder) {
+    std::thread([&] {
+        for (int i = 0; i < 4; ++i) EXPECT_TRUE(release(fake_addr(i), 1000).empty());
+    }).join();
+    for (int i = 0; i < 8188; ++i) ASSERT_TRUE(release(fake_addr(100 + i), 1000).empty()) << i;
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+
+    // One more block: the other thread's oldest is due, and out of the
+    // quarantine even before anyone gives it back.
+    block_info bi = make_block(fake_addr(99), 1000, 1, 2);
+    stats.delayed_free(bi);
+    block_info out;
+    EXPECT_FALSE(stats.find_in_freed_list(fake_addr(0), out));
+    EXPECT_TRUE(stats.find_in_freed_list(fake_addr(1), out));
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+    EXPECT_EQ(stats.quarantine_block_count(), 8192u);
+    std::vector<void*> given_back;
+    while (void* p = stats.get_next_to_free()) given_back.push_back(p);
+    EXPECT_EQ(given_back, std::vector<void*>{fake_addr(0)});
+
+    // Three more, as the release path enters them: the other thread's next
+    // three leave, each once, by this release or by the drain after it.
+    given_back.clear();
+    for (int i = 0; i < 3; ++i) {
+        bi = make_block(fake_addr(90 + i), 1000, 1, 2);
+        void* due[16];
+        given_back.insert(given_back.end(), due, due + stats.delayed_free_and_take(bi, due, 16));
+    }
+    while (void* p = stats.get_next_to_free()) given_back.push_back(p);
+    EXPECT_EQ(given_back, (std::vector<void*>{fake_addr(1), fake_addr(2), fake_addr(3)}));
 }
 
 TEST_F(Store, FindInFreedListFindsExactAddressesWhileQuarantined) {
@@ -229,8 +266,9 @@ TEST_F(Store, FindInFreedListFindsExactAddressesWhileQuarantined) {
 TEST_F(Store, BrokenQuarantineInvariantStopsTheProcess) {
     EXPECT_EXIT(
         {
-            stats.m_delayed_free_queue.push_back(make_block(nullptr, 0, 0));
-            stats.m_delayed_free_size = 2 * tarvex::k_quarantine_limit;
+            stats.m_delayed_free_queue.own_records().push_back({make_block(nullptr, 0, 0), 0});
+            block_info big = make_block(fake_addr(1), tarvex::k_quarantine_limit, 1);
+            stats.delayed_free(big);
             stats.get_next_to_free();
         },
         ::testing::KilledBySignal(SIGABRT),

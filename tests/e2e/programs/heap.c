@@ -393,6 +393,22 @@ static void fault_after_quarantine(int use_realloc) {
     release(use_realloc, p);
 }
 
+static void* release_on_thread(void* p) {
+    free(p);
+    return NULL;
+}
+
+/* Released by a thread that is gone when other releases pass the limit. */
+static void fault_after_quarantine_thread(int use_realloc) {
+    unsigned char* p = launder(malloc(24));
+    side_value("ptr", "%p", (void*)p);
+    pthread_t t;
+    pthread_create(&t, NULL, release_on_thread, p);
+    pthread_join(t, NULL);
+    free(launder(malloc(10485481)));
+    release(use_realloc, p);
+}
+
 static void fault_interior(int use_realloc) {
     unsigned char* p = launder(malloc(24));
     side_value("ptr", "%p", (void*)(p + 1));
@@ -498,6 +514,8 @@ int main(int argc, char** argv) {
             fault_double(use_realloc);
         else if (strcmp(what, "after_quarantine") == 0)
             fault_after_quarantine(use_realloc);
+        else if (strcmp(what, "after_quarantine_thread") == 0)
+            fault_after_quarantine_thread(use_realloc);
         else if (strcmp(what, "interior") == 0)
             fault_interior(use_realloc);
         else if (strcmp(what, "stack") == 0)

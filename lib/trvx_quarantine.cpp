@@ -1,0 +1,120 @@
+#include "trvx_quarantine.h"
+
+#include "trvx_util.h"
+
+namespace tarvex {
+
+namespace {
+// Threads take lanes in the order of their first release; a lane is shared
+// only by threads whose numbers are k_lanes apart.
+__thread int t_lane = -1;
+int g_threads_seen = 0;
+// Releases until this thread next looks into another thread's lane, and
+// which lane that is.
+__thread unsigned t_until_sweep = 0;
+__thread unsigned t_sweep_lane = 0;
+constexpr unsigned k_sweep_every = 64;
+}  // namespace
+
+quarantine::lane& quarantine::own_lane() {
+    if (t_lane < 0) t_lane = __atomic_fetch_add(&g_threads_seen, 1, __ATOMIC_RELAXED) & int(k_lanes - 1);
+    return m_lanes[t_lane];
+}
+
+// Strictly more than the limit released since the block entered, itself
+// included.
+bool quarantine::is_due(const record& r, uint64_t released) { return r.start + k_quarantine_limit < released; }
+
+size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t max) {
+    size_t n = 0;
+    while (n < max && !l.records.empty() && is_due(l.records.front(), released)) {
+        void* p = l.records.front().bi.m_addr;
+        if (p == nullptr) fail_assert("p", "lib/trvx_stat", 347, "void* tarvex::mem_stats::get_next_to_free()");
+        due[n++] = p;
+        l.records.pop_front();
+    }
+    return n;
+}
+
+size_t quarantine::take_from(lane& l, void** due, size_t max) {
+    // A look without the lock first: most lanes of a process are empty.
+    if (l.records.looks_empty()) return 0;
+    spin_guard guard(l.lock);
+    return take_locked(l, released(), due, max);
+}
+
+// Gives back the due records of one other lane, in turn; a lane whose
+// threads went quiet is emptied of due blocks within k_lanes * k_sweep_every
+// releases of any other thread.
+size_t quarantine::sweep_one(void** due, size_t max) {
+    if (t_until_sweep-- != 0) return 0;
+    t_until_sweep = k_sweep_every - 1;
+    lane& l = m_lanes[t_sweep_lane++ % k_lanes];
+    return &l == &own_lane() ? 0 : take_from(l, due, max);
+}
+
+size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, next_block& next) {
+    lane& l = own_lane();
+    size_t n;
+    {
+        spin_guard guard(l.lock);
+        l.records.reserve_one();
+        // The count is taken under the lane's lock, so that the lane's
+        // records stay in the order of their start.
+        uint64_t start = __atomic_fetch_add(&m_released, bi.m_alloc_size, __ATOMIC_ACQ_REL);
+        l.records.push_back(record{bi, start});
+        n = take_locked(l, start + bi.m_alloc_size, due, max);
+        if (!l.records.empty()) {
+            next.addr = l.records.front().bi.m_addr;
+            next.alloc_size = l.records.front().bi.m_alloc_size;
+        }
+    }
+    if (n < max) n += sweep_one(due + n, max - n);
+    return n;
+}
+
+void* quarantine::take_due() {
+    void* p = nullptr;
+    if (take_from(own_lane(), &p, 1) != 0) return p;
+    for (lane& l : m_lanes)
+        if (take_from(l, &p, 1) != 0) return p;
+    return nullptr;
+}
+
+// An address is in the lanes at most once: its block stays allocated until
+// its record leaves. A scan from the newest records, for fault reports only.
+bool quarantine::find(void* addr, block_info& out) {
+    for (lane& l : m_lanes) {
+        spin_guard guard(l.lock);
+        for (size_t i = l.records.size(); i-- > 0;) {
+            const record& r = l.records[i];
+            if (r.bi.m_addr != addr) continue;
+            if (is_due(r, released())) return false;
+            out = r.bi;
+            return true;
+        }
+    }
+    return false;
+}
+
+uint64_t quarantine::bytes() {
+    uint64_t sum = 0;
+    visit([&](const record& r, bool in) { sum += in ? r.bi.m_alloc_size : 0; });
+    return sum;
+}
+
+size_t quarantine::count() {
+    size_t n = 0;
+    visit([&](const record&, bool in) { n += in; });
+    return n;
+}
+
+void quarantine::lock_all() {
+    for (lane& l : m_lanes) l.lock.lock();
+}
+
+void quarantine::unlock_all() {
+    for (lane& l : m_lanes) l.lock.unlock();
+}
+
+}  // namespace tarvex

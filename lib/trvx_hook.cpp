@@ -641,6 +641,11 @@ TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
     if (frame_ready() && proc_info::is_target()) {
         block_info bi;
         if (stats().find_block_info(ptr, bi)) return bi.m_size;
+        // A block that another thread released may be out of the quarantine
+        // while its memory still waits for that thread to give it back: what
+        // is due goes back first, so that the answer is the allocator's for
+        // a block given back.
+        give_back_due_blocks();
     }
     return tarvex::next_usable_size(ptr);
 }

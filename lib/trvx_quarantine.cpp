@@ -13,7 +13,10 @@ int g_threads_seen = 0;
 // which lane that is.
 __thread unsigned t_until_sweep = 0;
 __thread unsigned t_sweep_lane = 0;
-constexpr unsigned k_sweep_every = 64;
+constexpr unsigned k_sweep_every = 32;
+// How long, in bytes released after it was due, a block waits for its own
+// thread before a sweep gives it back.
+constexpr uint64_t k_sweep_after = 1 << 20;
 }  // namespace
 
 quarantine::lane& quarantine::own_lane() {
@@ -33,7 +36,18 @@ size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t ma
         due[n++] = p;
         l.records.pop_front();
     }
+    if (n != 0 && l.records.empty()) mark_in_use(l, false);
     return n;
+}
+
+// Kept under the lane's lock, so that the bit follows the lane's state; the
+// word changes only when a lane empties or stops being empty.
+void quarantine::mark_in_use(const lane& l, bool in_use) {
+    uint64_t bit = uint64_t(1) << (&l - m_lanes);
+    if (in_use)
+        __atomic_fetch_or(&m_lanes_in_use, bit, __ATOMIC_RELAXED);
+    else
+        __atomic_fetch_and(&m_lanes_in_use, ~bit, __ATOMIC_RELAXED);
 }
 
 size_t quarantine::take_from(lane& l, void** due, size_t max) {
@@ -43,14 +57,29 @@ size_t quarantine::take_from(lane& l, void** due, size_t max) {
     return take_locked(l, released(), due, max);
 }
 
-// Gives back the due records of one other lane, in turn; a lane whose
-// threads went quiet is emptied of due blocks within k_lanes * k_sweep_every
-// releases of any other thread.
+// Gives back the due records of one other lane that holds records, in turn,
+// once they are overdue: a lane whose threads went quiet is emptied of due
+// blocks after k_sweep_after more bytes and within k_sweep_every releases of
+// each other thread per lane in use.
 size_t quarantine::sweep_one(void** due, size_t max) {
     if (t_until_sweep-- != 0) return 0;
     t_until_sweep = k_sweep_every - 1;
-    lane& l = m_lanes[t_sweep_lane++ % k_lanes];
-    return &l == &own_lane() ? 0 : take_from(l, due, max);
+    uint64_t others = __atomic_load_n(&m_lanes_in_use, __ATOMIC_RELAXED) & ~(uint64_t(1) << t_lane);
+    if (others == 0) return 0;
+    // The next lane in use after the one swept last, cyclically.
+    unsigned from = t_sweep_lane % k_lanes;
+    uint64_t after = from == k_lanes - 1 ? 0 : others & (~uint64_t(0) << (from + 1));
+    t_sweep_lane = unsigned(__builtin_ctzll(after != 0 ? after : others));
+    // A lane whose threads still release gives back its own due blocks at
+    // their next release; only a lane whose oldest block has been due for
+    // a while is swept. Giving back another thread's blocks moves them into
+    // this thread's cache of free chunks, and this thread's later blocks
+    // into that thread's memory.
+    lane& l = m_lanes[t_sweep_lane];
+    spin_guard guard(l.lock);
+    uint64_t now = released();
+    if (l.records.empty() || l.records.front().start + k_quarantine_limit + k_sweep_after >= now) return 0;
+    return take_locked(l, now, due, max);
 }
 
 size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, next_block& next) {
@@ -62,6 +91,7 @@ size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, 
         // The count is taken under the lane's lock, so that the lane's
         // records stay in the order of their start.
         uint64_t start = __atomic_fetch_add(&m_released, bi.m_alloc_size, __ATOMIC_ACQ_REL);
+        if (l.records.empty()) mark_in_use(l, true);
         l.records.push_back(record{bi, start});
         n = take_locked(l, start + bi.m_alloc_size, due, max);
         if (!l.records.empty()) {

@@ -16,9 +16,9 @@
 // do not take turns on one lock or on one array. A thread gives back the due
 // records of its own lane when it releases; the due records of a lane whose
 // threads have stopped releasing are given back by the other threads, one
-// lane every few dozen releases, and by every full drain (take_due). A due
-// record that still waits in its lane is out of the quarantine all the same:
-// find() does not report it, bytes() and count() do not count it.
+// lane in use every few dozen releases, and by every full drain (take_due).
+// A due record that still waits in its lane is out of the quarantine all the
+// same: find() does not report it, bytes() and count() do not count it.
 #pragma once
 
 #include <cstddef>
@@ -83,11 +83,14 @@ private:
     lane& own_lane();
     uint64_t released() const { return __atomic_load_n(&m_released, __ATOMIC_ACQUIRE); }
     static bool is_due(const record& r, uint64_t released);
-    static size_t take_locked(lane& l, uint64_t released, void** due, size_t max);
+    size_t take_locked(lane& l, uint64_t released, void** due, size_t max);
     size_t take_from(lane& l, void** due, size_t max);
     size_t sweep_one(void** due, size_t max);
+    void mark_in_use(const lane& l, bool in_use);
 
     alignas(64) uint64_t m_released = 0;
+    // Bit i: lane i holds records. Read by the sweeps, written rarely.
+    alignas(64) uint64_t m_lanes_in_use = 0;
     lane m_lanes[k_lanes];
 };
 

@@ -186,6 +186,10 @@ const clean_case k_clean[] = {
      "after 8192 releases: 8192 still allocated\n"
      "after 8193: oldest given back=1, next kept=1\n"
      "after 8194: next given back=1, third kept=1\n", nullptr},
+    {"quarantine_thread", false, {"quarantine_thread"},
+     "after 8192 releases: 8192 still allocated\n"
+     "after 8193: oldest given back=1, next kept=1\n"
+     "after 8194: next given back=1, third kept=1\n", nullptr},
 
     // No false alarm.
     {"zero", false, {"zero"}, "released quietly: 9 blocks, posix_memalign rc=0\n", nullptr},

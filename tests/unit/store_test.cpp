@@ -249,6 +249,28 @@ TEST_F(Store, BlocksOfAQuietThreadLeaveInTheGlobalReleaseOrder) {
     EXPECT_EQ(given_back, (std::vector<void*>{fake_addr(1), fake_addr(2), fake_addr(3)}));
 }
 
+// Nobody drains here: the release path alone gives back the quiet thread's
+// blocks, a little after they are due, once each and in their order.
+TEST_F(Store, ReleasesOfOtherThreadsSweepAQuietThreadsDueBlocks) {
+    std::thread([&] {
+        for (int i = 0; i < 4; ++i) {
+            block_info bi = make_block(fake_addr(i), 1000, 1, 2);
+            stats.delayed_free(bi);
+        }
+    }).join();
+    std::vector<void*> given_back;
+    for (int i = 0; i < 8192 + 1000; ++i) {
+        block_info bi = make_block(fake_addr(100 + i), 1000, 1, 2);
+        void* due[16];
+        given_back.insert(given_back.end(), due, due + stats.delayed_free_and_take(bi, due, 16));
+    }
+    std::vector<void*> theirs;
+    for (void* p : given_back)
+        if (p < fake_addr(100)) theirs.push_back(p);
+    EXPECT_EQ(theirs, (std::vector<void*>{fake_addr(0), fake_addr(1), fake_addr(2), fake_addr(3)}));
+    EXPECT_EQ(given_back.size(), 4 + 1000u);
+}
+
 TEST_F(Store, FindInFreedListFindsExactAddressesWhileQuarantined) {
     block_info first = make_block(fake_addr(5), 10485000, 0xA, 0xF1);
     stats.delayed_free(first);

@@ -268,11 +268,25 @@ static void scenario_tracking(void) {
  * between a release and the look that follows it. */
 static unsigned char* g_blocks[8194];
 
-static void scenario_quarantine(void) {
+static void* release_first_8192(void* arg) {
+    (void)arg;
+    for (int i = 0; i < 8192; ++i) free(g_blocks[i]);
+    return NULL;
+}
+
+/* on_thread: the first 8192 releases happen on a thread that is gone before
+ * the main thread's releases push them out. */
+static void quarantine_released_here_or_on_thread(int on_thread) {
     void* big = launder(malloc(10485481)); /* alone over the limit: empties the quarantine */
     free(big);
     for (int i = 0; i < 8194; ++i) g_blocks[i] = launder(malloc(1000));
-    for (int i = 0; i < 8192; ++i) free(g_blocks[i]);
+    if (on_thread) {
+        pthread_t t;
+        pthread_create(&t, NULL, release_first_8192, NULL);
+        pthread_join(t, NULL);
+    } else {
+        release_first_8192(NULL);
+    }
     int kept = 0;
     for (int i = 0; i < 8192; ++i) kept += malloc_usable_size(g_blocks[i]) != 0;
     emit(OUT_FD, "after 8192 releases: %d still allocated\n", kept);
@@ -284,6 +298,9 @@ static void scenario_quarantine(void) {
     size_t third = malloc_usable_size(g_blocks[2]);
     emit(OUT_FD, "after 8194: next given back=%d, third kept=%d\n", second == 0, third != 0);
 }
+
+static void scenario_quarantine(void) { quarantine_released_here_or_on_thread(0); }
+static void scenario_quarantine_thread(void) { quarantine_released_here_or_on_thread(1); }
 
 /* ------------------------------------------------------------ no false alarm */
 
@@ -486,12 +503,14 @@ static const struct {
     {"realloc", scenario_realloc},
     {"tracking", scenario_tracking},
     {"quarantine", scenario_quarantine},
+    {"quarantine_thread", scenario_quarantine_thread},
     {"zero", scenario_zero},
     {"untracked_realloc", scenario_untracked_realloc},
 };
 
 /* heap <scenario> | heap threads <faulting threads> |
- * heap fault <overflow|double|after_quarantine|interior|stack> <free|realloc> [malloc|calloc|valloc|aligned] */
+ * heap fault <overflow|double|after_quarantine|after_quarantine_thread|interior|stack> <free|realloc>
+ *            [malloc|calloc|valloc|aligned] */
 int main(int argc, char** argv) {
     const char* s = argc > 1 ? argv[1] : "";
     for (size_t i = 0; i < sizeof k_scenarios / sizeof k_scenarios[0]; ++i) {

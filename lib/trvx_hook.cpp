@@ -644,8 +644,12 @@ TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
         // A block that another thread released may be out of the quarantine
         // while its memory still waits for that thread to give it back: what
         // is due goes back first, so that the answer is the allocator's for
-        // a block given back.
-        give_back_due_blocks();
+        // a block given back. Not from inside the library (a signal handler
+        // that interrupted a release), which may hold a lane's lock.
+        if (guard().try_enter()) {
+            give_back_due_blocks();
+            guard().leave();
+        }
     }
     return tarvex::next_usable_size(ptr);
 }

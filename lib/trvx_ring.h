@@ -49,13 +49,29 @@ public:
         __atomic_store_n(&m_tail, m_tail + 1, __ATOMIC_RELAXED);
     }
 
+    // Halves an array that has become mostly empty, so that a burst does not
+    // keep its memory for good; keeps the array when memory is short.
+    void shrink_if_sparse() {
+        if (capacity() <= k_initial || size() * 8 > capacity()) return;
+        T* slots = static_cast<T*>(next_malloc(capacity() / 2 * sizeof(T)));
+        if (slots != nullptr) move_to(slots, capacity() / 2);
+    }
+
 private:
+    static constexpr size_t k_initial = 1024;
+
     size_t capacity() const { return m_slots ? m_mask + 1 : 0; }
 
     void grow() {
-        size_t n = capacity() ? capacity() * 2 : 1024;
+        size_t n = capacity() ? capacity() * 2 : k_initial;
         T* slots = static_cast<T*>(next_malloc(n * sizeof(T)));
         if (slots == nullptr) throw std::bad_alloc();
+        move_to(slots, n);
+    }
+
+    // Moves the values, oldest first, to the start of slots (n of them, a
+    // power of two no smaller than the size) and frees the old array.
+    void move_to(T* slots, size_t n) {
         size_t count = size();
         for (size_t i = 0; i < count; ++i) slots[i] = (*this)[i];
         next_free(m_slots);

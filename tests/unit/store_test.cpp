@@ -188,6 +188,15 @@ TEST_F(Store, ReleaseOrderHoldsWhileTheQueueGrows) {
     EXPECT_TRUE(stats.find_in_freed_list(released.back(), out));
     EXPECT_TRUE(stats.find_in_freed_list(released[released.size() - 8192], out));
     EXPECT_FALSE(stats.find_in_freed_list(released[released.size() - 8193], out));
+
+    // A block of exactly the limit pushes out everything older and stays;
+    // the emptied array shrinks on the way, and the order holds after it.
+    std::vector<void*> rest(released.end() - 8192, released.end());
+    EXPECT_EQ(release(fake_addr(50000), tarvex::k_quarantine_limit - 280), rest);
+    EXPECT_EQ(release(fake_addr(50001), 1000), std::vector<void*>{fake_addr(50000)});
+    EXPECT_TRUE(release(fake_addr(50002), 1000).empty());
+    EXPECT_TRUE(stats.find_in_freed_list(fake_addr(50001), out));
+    EXPECT_EQ(stats.quarantine_block_count(), 2u);
 }
 
 TEST_F(Store, BlockLargerThanTheQuarantineFlushesEverythingThenItself) {

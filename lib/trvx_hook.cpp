@@ -360,7 +360,8 @@ void release_known(tarvex::backtrace& bt, block_info& bi, const fault_site& site
         if (i + 1 < n) __builtin_prefetch(static_cast<char*>(due[i + 1]) - 16, 1);
         tarvex::next_free(due[i]);
     }
-    if (n == k_batch) give_back_due_blocks();
+    if (n == k_batch)
+        while (void* p = stats().get_next_own_to_free()) tarvex::next_free(p);
 }
 
 void free_tracked(tarvex::backtrace& bt, void* ptr) {
@@ -638,18 +639,19 @@ TRVX_EXPORT_C void* pvalloc(size_t size) {
 TRVX_EXPORT_C size_t malloc_usable_size(void* ptr) {
     resolve(g_next_usable_size, g_resolving.usable_size_, "malloc_usable_size");
     if (ptr == nullptr) return 0;
-    if (frame_ready() && proc_info::is_target()) {
+    // From inside the library (a signal handler that interrupted an
+    // allocation or a release on this thread, which may hold a registry or
+    // quarantine lock) the C library answers alone.
+    if (frame_ready() && proc_info::is_target() && guard().try_enter()) {
         block_info bi;
-        if (stats().find_block_info(ptr, bi)) return bi.m_size;
+        bool live = stats().find_block_info(ptr, bi);
         // A block that another thread released may be out of the quarantine
         // while its memory still waits for that thread to give it back: what
         // is due goes back first, so that the answer is the allocator's for
-        // a block given back. Not from inside the library (a signal handler
-        // that interrupted a release), which may hold a lane's lock.
-        if (guard().try_enter()) {
-            give_back_due_blocks();
-            guard().leave();
-        }
+        // a block given back.
+        if (!live) give_back_due_blocks();
+        guard().leave();
+        if (live) return bi.m_size;
     }
     return tarvex::next_usable_size(ptr);
 }

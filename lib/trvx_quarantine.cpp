@@ -106,12 +106,19 @@ size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, 
     return n;
 }
 
+// A thread that never released has no lane of its own yet, and gets none
+// here.
 void* quarantine::take_due() {
     void* p = nullptr;
-    if (take_from(own_lane(), &p, 1) != 0) return p;
+    if (t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1) != 0) return p;
     for (lane& l : m_lanes)
         if (take_from(l, &p, 1) != 0) return p;
     return nullptr;
+}
+
+void* quarantine::take_own_due() {
+    void* p = nullptr;
+    return t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1) != 0 ? p : nullptr;
 }
 
 // An address is in the lanes at most once: its block stays allocated until

@@ -56,6 +56,8 @@ public:
     // One due block, the calling thread's lane's first, then any lane's;
     // null when none is due.
     void* take_due();
+    // One due block of the calling thread's lane, or null.
+    void* take_own_due();
     // The record of addr while its block is in the quarantine.
     bool find(void* addr, block_info& out);
     // Sum of the allocation sizes and count of the blocks in the quarantine.

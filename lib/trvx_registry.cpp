@@ -61,17 +61,19 @@ void block_registry::grow(shard& s) {
     entry* slots = static_cast<entry*>(next_malloc(capacity * sizeof(entry)));
     if (slots == nullptr) throw std::bad_alloc();
     memset(slots, 0, capacity * sizeof(entry));
-    shard old = s;
+    // Only the table moves: the lock word beside it is in use by waiters.
+    entry* old_slots = s.slots;
+    size_t old_capacity = s.capacity;
     __atomic_store_n(&s.slots, slots, __ATOMIC_RELAXED);
     __atomic_store_n(&s.capacity, capacity, __ATOMIC_RELAXED);
     s.used = 0;
-    for (size_t i = 0; i < old.capacity; ++i) {
-        if (old.slots[i].key > k_erased) {
-            s.slots[probe(s, old.slots[i].key & ~k_odd)] = old.slots[i];
+    for (size_t i = 0; i < old_capacity; ++i) {
+        if (old_slots[i].key > k_erased) {
+            s.slots[probe(s, old_slots[i].key & ~k_odd)] = old_slots[i];
             ++s.used;
         }
     }
-    next_free(old.slots);
+    next_free(old_slots);
 }
 
 void block_registry::fill(const shard& s, const entry& e, block_info& out) {

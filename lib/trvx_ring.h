@@ -69,16 +69,15 @@ private:
         move_to(slots, n);
     }
 
-    // Moves the values, oldest first, to the start of slots (n of them, a
-    // power of two no smaller than the size) and frees the old array.
+    // Moves the values to slots (n of them, a power of two no smaller than
+    // the size) and frees the old array. The counts go on as they were, so
+    // that an unlocked look at them (looks_empty) never sees a lane with
+    // values as empty, whatever it reads first.
     void move_to(T* slots, size_t n) {
-        size_t count = size();
-        for (size_t i = 0; i < count; ++i) slots[i] = (*this)[i];
+        for (size_t i = m_head; i != m_tail; ++i) slots[i & (n - 1)] = m_slots[i & m_mask];
         next_free(m_slots);
         m_slots = slots;
         m_mask = n - 1;
-        __atomic_store_n(&m_head, 0, __ATOMIC_RELAXED);
-        __atomic_store_n(&m_tail, count, __ATOMIC_RELAXED);
     }
 
     T* m_slots = nullptr;

@@ -246,6 +246,8 @@ void mem_stats::delayed_free(tarvex::block_info& bi) { quarantine(bi); }
 
 void* mem_stats::get_next_to_free() { return m_delayed_free_queue.take_due(); }
 
+void* mem_stats::get_next_own_to_free() { return m_delayed_free_queue.take_own_due(); }
+
 size_t mem_stats::delayed_free_and_take(tarvex::block_info& bi, void** due, size_t max) {
     return quarantine_and_take(bi, due, max);
 }

@@ -42,6 +42,10 @@ public:
     // Quarantine.
     void delayed_free(tarvex::block_info& bi);
     void* get_next_to_free();
+    // get_next_to_free limited to the calling thread's own releases: what a
+    // release gives back beyond its batch, leaving other threads' blocks to
+    // them.
+    void* get_next_own_to_free();
     bool find_in_freed_list(void* addr, tarvex::block_info& out);
     // delayed_free and then up to max blocks due, the calling thread's
     // lane's first, oldest first, into due[]. Returns their count (max means

@@ -3,6 +3,9 @@
 //   stress_lifecycle signal            control functions from signal handlers
 //                                      that interrupt threads inside the
 //                                      library; prints "signal: ok"
+//   stress_lifecycle usable            malloc_usable_size from signal handlers
+//                                      that interrupt tracked work; prints
+//                                      "usable: ok"
 //   stress_lifecycle exit              blocks released after main returns
 //                                      (atexit, static and thread-local
 //                                      destructors, a destructor function),
@@ -17,6 +20,7 @@
 // Expects TARVEX_TARGET_PROC_NAME=stress_lifecycle and TARVEX_LOG_FILE_NAME.
 #include <dlfcn.h>
 #include <pthread.h>
+#include <malloc.h>
 #include <signal.h>
 
 #include <atomic>
@@ -32,16 +36,23 @@ namespace {
 std::atomic<bool> g_stop{false};
 volatile sig_atomic_t g_handled;
 
-// Runs one control function per signal, in turn. The interrupted thread may
-// be anywhere in the library, holding its guard or a mutex.
+void* g_live[64];
+volatile size_t g_usable_sum;
+
+// Runs one control function per signal, in turn, or asks the size of live
+// blocks. The interrupted thread may be anywhere in the library, holding its
+// guard or a lock.
 void on_signal(int) {
     int saved = errno;
-    switch (g_handled % 6) {
+    switch (g_handled % 7) {
         case 0: trvx_dump_alloc_stats(3); break;
         case 1: trvx_trace_start(); break;
         case 2: trvx_trace_dump(); break;
         case 3: trvx_trace_stop(); break;
         case 4: trvx_trace_clear(); break;
+        case 5:
+            for (void* p : g_live) g_usable_sum = g_usable_sum + malloc_usable_size(p);
+            break;
         default: trvx_clear_alloc_stats(); break;
     }
     g_handled = g_handled + 1;
@@ -77,6 +88,7 @@ int signals() {
     sa.sa_flags = SA_RESTART;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGUSR1, &sa, nullptr);
+    for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
     pthread_t threads[2];
     for (pthread_t& t : threads) pthread_create(&t, nullptr, busy_thread, nullptr);
     for (int i = 0; i < 3000; ++i) {
@@ -86,12 +98,54 @@ int signals() {
     usleep(10000);
     g_stop = true;
     for (pthread_t t : threads) pthread_join(t, nullptr);
+    for (void* p : g_live) free(p);
     // Every guard slot was given back: this thread's blocks are tracked.
     void* p = malloc(10);
     STRESS_CHECK(stress_is_tracked(p, 10), "malloc(10) is not tracked after the signals");
     free(p);
     STRESS_CHECK(g_handled > 100, "only %d signals were handled", static_cast<int>(g_handled));
     puts("signal: ok");
+    return 0;
+}
+
+// malloc_usable_size from a handler that interrupts a thread that keeps
+// allocating and releasing (inside the registry's and the quarantine's
+// locks half of its time): the handler must never wait for its own thread.
+volatile sig_atomic_t g_usable_calls;
+
+void on_usable_signal(int) {
+    size_t sum = 0;
+    for (void* p : g_live) sum += malloc_usable_size(p);
+    g_usable_sum = g_usable_sum + sum;
+    g_usable_calls = g_usable_calls + 1;
+}
+
+void* signal_continually(void* target) {
+    while (!g_stop.load(std::memory_order_relaxed)) {
+        pthread_kill(*static_cast<pthread_t*>(target), SIGUSR2);
+        for (volatile int i = 0; i < 2000; i = i + 1) {
+        }
+    }
+    return nullptr;
+}
+
+int usable_sizes() {
+    for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
+    struct sigaction sa = {};
+    sa.sa_handler = on_usable_signal;
+    sa.sa_flags = SA_RESTART;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGUSR2, &sa, nullptr);
+    pthread_t self = pthread_self(), signaller;
+    pthread_create(&signaller, nullptr, signal_continually, &self);
+    // At least 300 thousand operations and, unless the machine starves the
+    // signalling thread, two thousand handled signals.
+    for (int i = 0; i < 300000 || (g_usable_calls < 2000 && i < 3000000); ++i) free(malloc(64 + i % 64));
+    g_stop = true;
+    pthread_join(signaller, nullptr);
+    for (void* p : g_live) free(p);
+    STRESS_CHECK(g_usable_calls > 100, "only %d signals were handled", static_cast<int>(g_usable_calls));
+    puts("usable: ok");
     return 0;
 }
 
@@ -237,6 +291,7 @@ int main(int argc, char** argv) {
     STRESS_CHECK(argc >= 2, "usage: stress_lifecycle MODE");
     const char* mode = argv[1];
     if (strcmp(mode, "signal") == 0) return signals();
+    if (strcmp(mode, "usable") == 0) return usable_sizes();
     if (strcmp(mode, "exit") == 0) return exit_scenario(false);
     if (strcmp(mode, "exit-double-free") == 0) return exit_scenario(true);
     if (strcmp(mode, "dlopen") == 0 && argc == 3) return dlopen_scenario(argv[2]);

@@ -27,6 +27,14 @@ TEST(Lifecycle, ControlFunctionsFromSignalHandlers) {
     EXPECT_EQ(r.err, "");
 }
 
+TEST(Lifecycle, MallocUsableSizeFromSignalHandlers) {
+    temp_dir dir;
+    result r = run({built(k_prog), "usable"}, target_options(dir));
+    ASSERT_TRUE(r.exited_ok()) << r.describe();
+    EXPECT_EQ(r.out, "usable: ok\n");
+    EXPECT_EQ(r.err, "");
+}
+
 // Blocks released by atexit handlers, static and thread-local destructors
 // and destructor functions are released like any other; a report from an
 // atexit handler is written.

@@ -160,8 +160,8 @@ TEST_F(Concurrency, StoreAndQuarantineStayExactWhileReportsAreWritten) {
     // what is due but still waits for a thread to give it back, which a
     // full drain then does.
     EXPECT_FALSE(given_back.empty());
-    EXPECT_EQ(std::set<void*>(given_back.begin(), given_back.end()).size(), given_back.size());
     while (void* p = stats.get_next_to_free()) given_back.insert(p);
+    EXPECT_EQ(std::set<void*>(given_back.begin(), given_back.end()).size(), given_back.size());
     uint64_t waiting_bytes = 0;
     std::set<void*> accounted(given_back.begin(), given_back.end());
     stats.m_delayed_free_queue.visit([&](const tarvex::quarantine::record& r, bool in_quarantine) {

@@ -33,7 +33,10 @@ class env_value {
 public:
     explicit constexpr env_value(const char* name) : m_name(name) {}
     const char* get() {
-        if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE)) return m_value;
+        // The value is read atomically too: a late first reader may still be
+        // storing the same pointer after another reader has set m_loaded.
+        if (__atomic_load_n(&m_loaded, __ATOMIC_ACQUIRE))
+            return __atomic_load_n(&m_value, __ATOMIC_RELAXED);
         return load();
     }
 

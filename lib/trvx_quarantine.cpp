@@ -109,8 +109,8 @@ size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, 
 // A thread that never released has no lane of its own yet, and gets none
 // here.
 void* quarantine::take_due() {
-    void* p = nullptr;
-    if (t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1) != 0) return p;
+    void* p = take_own_due();
+    if (p != nullptr) return p;
     for (lane& l : m_lanes)
         if (take_from(l, &p, 1) != 0) return p;
     return nullptr;

@@ -3,8 +3,9 @@
  * libtarvex.so (LD_PRELOAD="libtarvex.so libfailing.so"), so that tarvex's
  * next allocator is this one. It forwards every request to glibc, except the
  * Nth request counted from failing_arm(), which fails with ENOMEM (N is read
- * from STRESS_FAIL_AT by failing_arm; 0 never fails). Each refusal is
- * announced on standard error as "failing: request N refused".
+ * from STRESS_FAIL_AT by failing_arm; 0 never fails), and as many requests
+ * after it as STRESS_FAIL_RUN says (default 1: that one alone). Each refusal
+ * is announced on standard error as "failing: request N refused".
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -25,12 +26,15 @@ void* __libc_valloc(size_t);
 void* __libc_pvalloc(size_t);
 
 static long g_fail_at;
+static long g_fail_run;
 static long g_count;
 static int g_armed;
 
 EXPORT void failing_arm(void) {
     const char* n = getenv("STRESS_FAIL_AT");
+    const char* run = getenv("STRESS_FAIL_RUN");
     g_fail_at = n ? atol(n) : 0;
+    g_fail_run = run ? atol(run) : 1;
     __atomic_store_n(&g_count, 0, __ATOMIC_SEQ_CST);
     __atomic_store_n(&g_armed, 1, __ATOMIC_SEQ_CST);
 }
@@ -58,7 +62,7 @@ static void announce(long n) {
 static int refuse(void) {
     if (!__atomic_load_n(&g_armed, __ATOMIC_SEQ_CST)) return 0;
     long n = __atomic_add_fetch(&g_count, 1, __ATOMIC_SEQ_CST);
-    if (n != g_fail_at) return 0;
+    if (g_fail_at == 0 || n < g_fail_at || n >= g_fail_at + g_fail_run) return 0;
     announce(n);
     errno = ENOMEM;
     return 1;

@@ -129,7 +129,7 @@ result run(const std::vector<std::string>& argv_in, const options& opt) {
         for (int fd = 0; fd < 4; ++fd)
             if (srcs[fd] >= 0 && dup2(srcs[fd], fd) < 0) _exit(127);
         if (srcs[3] < 0) close(3);
-        execve(argv[0], argv.data(), envp.data());
+        execve(opt.exe.empty() ? argv[0] : opt.exe.c_str(), argv.data(), envp.data());
         _exit(127);
     }
     for (int fd : {out_pipe[1], err_pipe[1], fd3_pipe[1], in_fd})

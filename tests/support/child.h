@@ -25,6 +25,7 @@ using env_map = std::map<std::string, std::string>;
 // regular file with stdout_to_file: both make stdio fully buffered, which is
 // how output gets lost when a process dies without flushing.
 struct options {
+    std::string exe;                 // the file executed; empty: argv[0]
     env_map env;                     // set in the child
     std::vector<std::string> unset;  // removed after env is applied
     std::string preload;             // LD_PRELOAD; empty: nothing preloaded

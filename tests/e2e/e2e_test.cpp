@@ -14,7 +14,7 @@
 #include <tuple>
 #include <vector>
 
-#include "child_process.h"
+#include "child.h"
 
 namespace {
 
@@ -28,24 +28,20 @@ const build k_builds[] = {
     {"O2", TVX_HEAP_C_O2, TVX_HEAP_CXX_O2},
 };
 
-std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
 struct run_options {
     bool stdout_to_file = false;
     std::string target;  // empty: the program itself
 };
 
-child_process::result run(const std::string& prog, const std::vector<std::string>& args, run_options ro = {}) {
-    child_process::options opt;
-    opt.argv.push_back(prog);
-    opt.argv.insert(opt.argv.end(), args.begin(), args.end());
-    opt.set_env = {{"LD_PRELOAD", TVX_LIB},
-                   {"TARVEX_TARGET_PROC_NAME", ro.target.empty() ? base_name(prog) : ro.target}};
-    opt.unset_env = {"TARVEX_TOP",     "TARVEX_LOG_FILE_NAME", "TARVEX_NOBACKTRACE", "TARVEX_CLEAR_STATS_FILE_NAME",
-                     "GLIBC_TUNABLES", "MALLOC_PERTURB_",      "MALLOC_CHECK_"};
+child::result run(const std::string& prog, const std::vector<std::string>& args, run_options ro = {}) {
+    child::options opt;
+    opt.preload = TVX_LIB;
+    opt.env = child::tracked_env(ro.target.empty() ? child::base_name(prog) : ro.target);
     opt.stdout_to_file = ro.stdout_to_file;
     opt.capture_fd3 = true;
-    return child_process::run(opt);
+    std::vector<std::string> argv{prog};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return child::run(argv, opt);
 }
 
 // Records of the side channel: "@key" followed by its lines.
@@ -75,8 +71,7 @@ std::string joined(const std::vector<std::string>& lines) {
 }
 
 std::string assertion(const std::string& prog, unsigned line, bool in_realloc) {
-    return base_name(prog) + ": lib/trvx_hook:" + std::to_string(line) + ": " +
-           (in_realloc ? "void* realloc(void*, size_t)" : "void free(void*)") + ": Assertion `0' failed.\n";
+    return child::assertion(prog, line, in_realloc ? child::k_realloc : child::k_free);
 }
 
 // The block report, from the records "<tag>ptr", "<tag>alloc", "<tag>free".
@@ -223,8 +218,8 @@ TEST_P(Clean, PrintsExactlyItsFactsAndExitsZero) {
     const clean_case& c = std::get<1>(GetParam());
     run_options ro;
     if (c.target) ro.target = c.target;
-    child_process::result r = run(c.cxx ? b.heap_cxx : b.heap_c, c.args, ro);
-    ASSERT_TRUE(r.exited() && r.exit_code() == 0) << r.describe();
+    child::result r = run(c.cxx ? b.heap_cxx : b.heap_c, c.args, ro);
+    ASSERT_TRUE(r.exited_ok()) << r.describe();
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, c.expected);
 }
@@ -243,8 +238,8 @@ TEST_P(Builds, StdoutBufferFromReportIsReleasedQuietly) {
         SCOPED_TRACE(to_file ? "stdout is a file" : "stdout is a pipe");
         run_options ro;
         ro.stdout_to_file = to_file;
-        child_process::result r = run(GetParam().heap_c, {"stdout_report"}, ro);
-        ASSERT_TRUE(r.exited() && r.exit_code() == 0) << r.describe();
+        child::result r = run(GetParam().heap_c, {"stdout_report"}, ro);
+        ASSERT_TRUE(r.exited_ok()) << r.describe();
         EXPECT_EQ(r.err, "");
         EXPECT_NE(r.out.find("----------top by count----------\n"), std::string::npos) << r.out;
         const std::string tail = "-------------------------------\nprogram output\n";
@@ -304,8 +299,8 @@ TEST_P(Fault, ReportsExactlyAndStopsWithSigabrt) {
         SCOPED_TRACE(to_file ? "stdout is a file" : "stdout is a pipe");
         run_options ro;
         ro.stdout_to_file = to_file;
-        child_process::result r = run(prog, f.args, ro);
-        ASSERT_TRUE(r.signaled() && r.signal() == SIGABRT) << r.describe();
+        child::result r = run(prog, f.args, ro);
+        ASSERT_TRUE(r.killed_by(SIGABRT)) << r.describe();
         records side = parse_records(r.fd3);
         ASSERT_EQ(side.count("ptr"), 1u) << r.fd3;
         std::string expected;
@@ -343,8 +338,8 @@ INSTANTIATE_TEST_SUITE_P(Builds, Fault,
 TEST_P(Builds, DoubleFreeAmongBusyThreadsStopsWithOneReport) {
     for (int faulters : {1, 2}) {
         SCOPED_TRACE(std::to_string(faulters) + " faulting thread(s)");
-        child_process::result r = run(GetParam().heap_c, {"threads", std::to_string(faulters)});
-        ASSERT_TRUE(r.signaled() && r.signal() == SIGABRT) << r.describe();
+        child::result r = run(GetParam().heap_c, {"threads", std::to_string(faulters)});
+        ASSERT_TRUE(r.killed_by(SIGABRT)) << r.describe();
         EXPECT_EQ(r.err, assertion(GetParam().heap_c, 113, false));
         records side = parse_records(r.fd3);
         std::string matched;

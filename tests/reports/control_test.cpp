@@ -15,12 +15,9 @@ size_t count_kind(const std::vector<parsed_report>& reports, bool trace) {
     return n;
 }
 
-child_spec stress(const std::string& scenario, int n, const std::string& log) {
-    child_spec spec;
-    spec.path = TRVX_STRESS_PROG;
-    spec.args = {scenario, std::to_string(n)};
-    spec.env = {{"TARVEX_TARGET_PROC_NAME", base_name(spec.path)}, {"TARVEX_LOG_FILE_NAME", log}, {"TARVEX_TOP", ""}};
-    return spec;
+child::result stress(const std::string& scenario, int n, const std::string& log) {
+    return child::run({TRVX_STRESS_PROG, scenario, std::to_string(n)},
+                      preloaded(child::tracked_env(base_name(TRVX_STRESS_PROG), log, true)));
 }
 
 // Called from the executable's pre-initialisation, before any allocation:
@@ -28,11 +25,8 @@ child_spec stress(const std::string& scenario, int n, const std::string& log) {
 // allocation.
 TEST(ControlFunctions, BeforeTheFirstAllocation) {
     temp_dir dir;
-    child_spec spec;
-    spec.path = TRVX_EARLY_PROG;
-    spec.args = {dir / "side"};
-    spec.env = {{"TARVEX_TARGET_PROC_NAME", base_name(spec.path)}, {"TARVEX_LOG_FILE_NAME", dir / "log"}};
-    child_result r = run_child(spec);
+    child::result r = child::run({TRVX_EARLY_PROG, dir / "side"},
+                                 preloaded(child::tracked_env(base_name(TRVX_EARLY_PROG), dir / "log")));
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     EXPECT_EQ(r.err, "context at the first call: none\n");
     side_file side = parse_side_file(read_file(dir / "side"));
@@ -77,7 +71,7 @@ TEST(ControlFunctions, OutsideTheTargetProcess) {
 TEST(ControlFunctions, ManyThreads) {
     const int rounds = 25;
     temp_dir dir;
-    child_result r = run_child(stress("threads", rounds, dir / "log"));
+    child::result r = stress("threads", rounds, dir / "log");
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     std::vector<parsed_report> reports;
     std::string error;
@@ -101,7 +95,7 @@ TEST(ControlFunctions, ManyThreads) {
 TEST(ControlFunctions, TraceDumpAndTopReportAtOnce) {
     const int rounds = 30;
     temp_dir dir;
-    child_result r = run_child(stress("pair", rounds, dir / "log"));
+    child::result r = stress("pair", rounds, dir / "log");
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     std::vector<parsed_report> reports;
     std::string error;
@@ -120,7 +114,7 @@ TEST(ControlFunctions, TraceDumpAndTopReportAtOnce) {
 // deadlocks, and every report written is whole.
 TEST(ControlFunctions, SignalHandlerWhileAllocating) {
     temp_dir dir;
-    child_result r = run_child(stress("signal_loop", 300, dir / "log"));
+    child::result r = stress("signal_loop", 300, dir / "log");
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     int signals = 0;
     ASSERT_EQ(sscanf(r.err.c_str(), "signals %d", &signals), 1) << r.err;
@@ -139,7 +133,7 @@ TEST(ControlFunctions, SignalHandlerWhileAllocating) {
 TEST(ControlFunctions, SignalHandlerInsideTarvex) {
     const int records = 6000;
     temp_dir dir;
-    child_result r = run_child(stress("signal_inside", records, dir / "fifo"));
+    child::result r = stress("signal_inside", records, dir / "fifo");
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     EXPECT_EQ(r.err, "handled 1, reader gave up 0\n");
     std::vector<parsed_report> reports;

@@ -16,17 +16,15 @@ TEST(PublicHeader, ProgramsRunWithAndWithoutTarvex) {
     for (const char* path : {TRVX_HEADER_C_PROG, TRVX_HEADER_CXX_PROG}) {
         SCOPED_TRACE(path);
         temp_dir dir;
-        child_spec spec;
-        spec.path = path;
-        spec.env = {{"TARVEX_TARGET_PROC_NAME", base_name(path)}, {"TARVEX_LOG_FILE_NAME", dir / "log"}};
-        spec.preload = false;
-        child_result plain = run_child(spec);
+        child::options o = preloaded(child::tracked_env(base_name(path), dir / "log"));
+        o.preload.clear();
+        child::result plain = child::run({path}, o);
         ASSERT_TRUE(plain.exited_ok()) << plain.describe();
         EXPECT_EQ(plain.out + plain.err, "");
         EXPECT_FALSE(file_exists(dir / "log"));
 
-        spec.preload = true;
-        child_result traced = run_child(spec);
+        o.preload = TRVX_LIB;
+        child::result traced = child::run({path}, o);
         ASSERT_TRUE(traced.exited_ok()) << traced.describe();
         EXPECT_EQ(traced.out, "");
         std::vector<parsed_report> reports;
@@ -49,11 +47,7 @@ TEST(PublicHeader, ProgramsRunWithAndWithoutTarvex) {
 }
 
 TEST(ExportedSymbols, ExactlyTheInterface) {
-    child_spec spec;
-    spec.path = TRVX_NM;
-    spec.args = {"-D", "--defined-only", "-C", TRVX_LIB};
-    spec.preload = false;
-    child_result r = run_child(spec);
+    child::result r = child::run({TRVX_NM, "-D", "--defined-only", "-C", TRVX_LIB});
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     // dlopen drops RTLD_DEEPBIND in the target process, dlclose forgets
     // the unwinder's cached rules of the unloaded object.
@@ -118,15 +112,13 @@ TEST(ExportedSymbols, LinkedProgramCallsParsersAndDemangler) {
         calls.push_back({"function", l.line, l.function});
         calls.push_back({"lib", l.line, l.lib});
     }
-    child_spec spec;
-    spec.path = TRVX_LINKED_PROG;
-    spec.preload = false;
+    child::options o;
     std::string expected;
     for (const call_case& c : calls) {
-        spec.input += std::string(c.fn) + "\t" + c.arg + "\n";
+        o.input += std::string(c.fn) + "\t" + c.arg + "\n";
         expected += std::string(c.result) + "\n";
     }
-    child_result r = run_child(spec);
+    child::result r = child::run({TRVX_LINKED_PROG}, o);
     ASSERT_TRUE(r.exited_ok()) << r.describe();
     std::istringstream got(r.out), want(expected);
     std::string g, w;

@@ -9,12 +9,9 @@
 namespace reports {
 namespace {
 
-child_result run_periodic(const std::string& log, bool counting) {
-    child_spec spec;
-    spec.path = TRVX_PERIODIC_PROG;
-    spec.env = {{"TARVEX_TARGET_PROC_NAME", base_name(spec.path)}, {"TARVEX_LOG_FILE_NAME", log}};
-    if (counting) spec.env["TARVEX_TOP"] = "";
-    return run_child(spec);
+child::result run_periodic(const std::string& log, bool counting) {
+    return child::run({TRVX_PERIODIC_PROG},
+                      preloaded(child::tracked_env(base_name(TRVX_PERIODIC_PROG), log, counting)));
 }
 
 // Allocations once a second for 13 s with 25 live sites: the first one more
@@ -24,8 +21,8 @@ child_result run_periodic(const std::string& log, bool counting) {
 TEST(SlowPeriodicReport, OnceWithTwentyRowsOnlyWhenCounting) {
     temp_dir dir;
     auto counting = std::async(std::launch::async, run_periodic, dir / "on", true);
-    child_result off = run_periodic(dir / "off", false);
-    child_result on = counting.get();
+    child::result off = run_periodic(dir / "off", false);
+    child::result on = counting.get();
 
     ASSERT_TRUE(off.exited_ok()) << off.describe();
     EXPECT_FALSE(file_exists(dir / "off"));

@@ -1,149 +1,23 @@
 #include "support.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-extern char** environ;
-
 namespace reports {
 
-// ---------------------------------------------------------------- child processes
-
-bool child_result::exited_ok() const { return !timed_out && WIFEXITED(status) && WEXITSTATUS(status) == 0; }
-
-std::string child_result::describe() const {
-    std::ostringstream s;
-    if (timed_out)
-        s << "timed out (killed)";
-    else if (WIFEXITED(status))
-        s << "exit status " << WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        s << "killed by signal " << WTERMSIG(status);
-    s << "\n--- stdout (" << out.size() << " bytes):\n" << out.substr(0, 4000) << "\n--- stderr:\n" << err.substr(0, 4000);
-    return s.str();
+child::options preloaded(const child::env_map& env) {
+    child::options o;
+    o.preload = TRVX_LIB;
+    o.env = env;
+    return o;
 }
-
-child_result run_child(const child_spec& spec) {
-    // Everything the child needs is built before fork.
-    std::vector<std::string> env_text;
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string kv = *e;
-        if (kv.rfind("TARVEX_", 0) == 0 || kv.rfind("LD_PRELOAD=", 0) == 0) continue;
-        env_text.push_back(kv);
-    }
-    if (spec.preload) env_text.push_back(std::string("LD_PRELOAD=") + TRVX_LIB);
-    for (const auto& kv : spec.env) env_text.push_back(kv.first + "=" + kv.second);
-    std::vector<char*> envp, argv;
-    for (std::string& s : env_text) envp.push_back(&s[0]);
-    envp.push_back(nullptr);
-    std::vector<std::string> arg_text{spec.path};
-    arg_text.insert(arg_text.end(), spec.args.begin(), spec.args.end());
-    for (std::string& s : arg_text) argv.push_back(&s[0]);
-    argv.push_back(nullptr);
-
-    child_result r;
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
-        r.err = "pipe failed";
-        r.status = -1;
-        return r;
-    }
-    if (spec.input.size() > 60000) {
-        r.err = "input too long";
-        return r;
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        execve(spec.path.c_str(), argv.data(), envp.data());
-        _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    if (!spec.input.empty() && write(in[1], spec.input.data(), spec.input.size()) < 0) r.err = "input not written";
-    close(in[1]);
-
-    time_t deadline = time(nullptr) + spec.timeout_s;
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string* sinks[2] = {&r.out, &r.err};
-    int open_fds = 2;
-    while (open_fds > 0) {
-        if (time(nullptr) > deadline) {
-            kill(pid, SIGKILL);
-            r.timed_out = true;
-            break;
-        }
-        int n = poll(fds, 2, 1000);
-        if (n < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buf[65536];
-            ssize_t got = read(fds[i].fd, buf, sizeof buf);
-            if (got > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(got));
-            } else if (got == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open_fds;
-            }
-        }
-    }
-    for (pollfd& f : fds)
-        if (f.fd >= 0) close(f.fd);
-    waitpid(pid, &r.status, 0);
-    return r;
-}
-
-temp_dir::temp_dir() {
-    const char* base = getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/tarvex-reports-XXXXXX";
-    if (mkdtemp(&templ[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
-    m_path = templ;
-}
-
-temp_dir::~temp_dir() {
-    std::error_code ec;
-    std::filesystem::remove_all(m_path, ec);
-}
-
-bool file_exists(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_file(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
-
-std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 // ---------------------------------------------------------------- report pieces
 
@@ -520,15 +394,13 @@ namespace reports {
 
 ops_outcome run_ops(const std::vector<std::string>& ops, const std::map<std::string, std::string>& env,
                     const std::string& side_path) {
-    child_spec spec;
-    spec.path = TRVX_OPS_PROG;
-    spec.args.push_back(side_path);
-    spec.args.insert(spec.args.end(), ops.begin(), ops.end());
-    spec.env = env;
-    if (spec.env.count("TARVEX_TARGET_PROC_NAME") == 0) spec.env["TARVEX_TARGET_PROC_NAME"] = base_name(spec.path);
+    std::vector<std::string> argv{TRVX_OPS_PROG, side_path};
+    argv.insert(argv.end(), ops.begin(), ops.end());
+    child::options opt = preloaded(env);
+    if (opt.env.count("TARVEX_TARGET_PROC_NAME") == 0) opt.env["TARVEX_TARGET_PROC_NAME"] = base_name(argv[0]);
     ops_outcome o;
     time_t before = time(nullptr);
-    o.child = run_child(spec);
+    o.child = child::run(argv, opt);
     o.max_elapsed = time(nullptr) - before;
     if (side_path != "-") o.side = parse_side_file(read_file(side_path));
     return o;

@@ -1,6 +1,5 @@
-// Support for the end-to-end report tests: running a program as a child
-// process with libtarvex.so preloaded, reading files, parsing and predicting
-// the trace dumps and top reports that the library writes.
+// Support for the end-to-end report tests: parsing and predicting the trace
+// dumps and top reports that the library writes.
 #pragma once
 
 #include <cstdint>
@@ -9,47 +8,18 @@
 #include <string>
 #include <vector>
 
+#include "child.h"
+
 namespace reports {
 
-// ---------------------------------------------------------------- child processes
+using child::base_name;
+using child::file_exists;
+using child::read_file;
+using child::temp_dir;
+using child::write_file;
 
-struct child_result {
-    std::string out, err;
-    int status = 0;
-    bool timed_out = false;
-    bool exited_ok() const;  // normal exit with status 0
-    std::string describe() const;
-};
-
-struct child_spec {
-    std::string path;
-    std::vector<std::string> args;
-    std::map<std::string, std::string> env;  // on top of the test's own, without its TARVEX_* and LD_PRELOAD
-    bool preload = true;
-    std::string input;  // standard input (at most a pipe's capacity)
-    int timeout_s = 120;  // a hung child is killed and reported, never waited for
-};
-
-child_result run_child(const child_spec& spec);
-
-// A fresh directory, removed with its content at the end of the scope.
-class temp_dir {
-public:
-    temp_dir();
-    ~temp_dir();
-    temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_path;
-};
-
-bool file_exists(const std::string& path);
-std::string read_file(const std::string& path);  // empty when missing
-void write_file(const std::string& path, const std::string& text);
-std::string base_name(const std::string& path);
+// Options that preload libtarvex.so and set env.
+child::options preloaded(const child::env_map& env);
 
 // ---------------------------------------------------------------- report pieces
 
@@ -142,7 +112,7 @@ namespace reports {
 // One run of reports_ops with its log file, its side file read back, and
 // the wall-clock bound for the rates of its top reports.
 struct ops_outcome {
-    child_result child;
+    child::result child;
     side_file side;
     int64_t max_elapsed;
 };

@@ -1,7 +1,5 @@
 // Top reports written on demand by a child program, byte for byte: rows,
 // their order and cut, the usage line and the clear-stats file.
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
 
 #include "support.h"
@@ -68,21 +66,6 @@ TEST(TopReport, MatchesTheOperations) {
     }
 }
 
-TEST(TopReport, CountingOffLiteral) {
-    temp_dir dir;
-    ops_outcome o = run_ops({"a:0:100:0:3", "report:20"}, {{"TARVEX_LOG_FILE_NAME", dir / "log"}}, "-");
-    ASSERT_TRUE(o.child.exited_ok()) << o.child.describe();
-    EXPECT_EQ(read_file(dir / "log"),
-              "\n----------uid to bt----------\n"
-              "uid: 00000000, bt: \n\n"
-              "\nMem usage: 0B (0 bytes) (alloc/sec: 0)\n"
-              "----------top by count----------\n"
-              "uid: 00000000, count: 0, size: 0\n"
-              "----------top by size----------\n"
-              "uid: 00000000, size: 0, count: 0\n"
-              "-------------------------------\n");
-}
-
 // A report that finds the clear-stats file deletes it, empties the per-site
 // counters and writes nothing; the totals and the count of registrations
 // for alloc/sec stay.
@@ -100,22 +83,6 @@ TEST(TopReport, ClearStatsFile) {
     setup.counting = true;
     expect_reports(read_file(dir / "log"), model_ops(ops, setup, o.side), setup, o.side.stacks, o.max_elapsed);
     EXPECT_FALSE(file_exists(dir / "clear"));
-}
-
-// A directory there cannot be deleted: every report finds it and is dropped.
-TEST(TopReport, ClearStatsPathIsADirectory) {
-    temp_dir dir;
-    ASSERT_EQ(mkdir((dir / "clear").c_str(), 0755), 0);
-    const std::vector<std::string> ops{"a:0:10:0:2", "report:5", "report:5", "a:2:10:1", "report:0"};
-    ops_outcome o = run_ops(ops,
-                            {{"TARVEX_LOG_FILE_NAME", dir / "log"},
-                             {"TARVEX_TOP", ""},
-                             {"TARVEX_CLEAR_STATS_FILE_NAME", dir / "clear"}},
-                            dir / "side");
-    ASSERT_TRUE(o.child.exited_ok()) << o.child.describe();
-    EXPECT_FALSE(file_exists(dir / "log"));
-    EXPECT_EQ(o.child.out, "");
-    EXPECT_TRUE(file_exists(dir / "clear"));
 }
 
 }  // namespace

@@ -43,25 +43,6 @@ TEST(TraceDump, MatchesTheOperations) {
     }
 }
 
-// The two fixed layouts, written out in full.
-TEST(TraceDump, LiteralLayouts) {
-    temp_dir dir;
-    ops_outcome empty = run_ops({"start", "stop", "dump"}, {{"TARVEX_LOG_FILE_NAME", dir / "empty"}}, "-");
-    ASSERT_TRUE(empty.child.exited_ok()) << empty.child.describe();
-    EXPECT_EQ(read_file(dir / "empty"), "\n----------uid to bt----------\n\n----------trace----------\n");
-
-    ops_outcome plain = run_ops({"start", "a:0:24:0", "a:1:48:3", "f:0", "stop", "dump"},
-                                {{"TARVEX_LOG_FILE_NAME", dir / "plain"}, {"TARVEX_NOBACKTRACE", "1"}}, "-");
-    ASSERT_TRUE(plain.child.exited_ok()) << plain.child.describe();
-    EXPECT_EQ(read_file(dir / "plain"),
-              "\n----------uid to bt----------\n"
-              "uid: 00000000, bt: \n\n"
-              "\n----------trace----------\n"
-              "alloc_uid: 00000000, free_uid: 00000000, size: 24\n"
-              "alloc_uid: 00000000, free_uid: 00000000, size: 48\n"
-              "alloc_uid: 00000000, free_uid: 00000000, size: 24\n");
-}
-
 // Without a usable log file name the dump goes to standard output; a log
 // file is appended to, never truncated.
 TEST(TraceDump, OutputDestination) {

@@ -2,9 +2,9 @@
  * Hostile input for the interposed and the control functions.
  *
  *   stress_hostile FAULT        releases or resizes a pointer that the
- *                               process never got (or no longer owns, or
- *                               whose footer it overwrote); prints "ptr=%p"
- *                               on standard error first, then must stop
+ *                               process never got (or released by realloc
+ *                               to 0); prints "ptr=%p" on standard error
+ *                               first, then must stop
  *   stress_hostile edge-sizes   huge sizes, overflowing products, zero
  *                               sizes, bad alignments, realloc to 0: each
  *                               gives its defined result, prints "ok"
@@ -41,26 +41,13 @@ static void* volatile g_sink;
 
 static void announce(const void* p) { fprintf(stderr, "ptr=%p\n", p); }
 
-static void* given_back_block(void) {
-    char* p = malloc(100);
-    free(p);
-    /* 11 MiB released after it push it out of the 10 MiB quarantine. */
-    for (int i = 0; i < 11; ++i) free(malloc(1 << 20));
-    return p;
-}
-
 static int fault(const char* mode) {
-    char stack_bytes[32];
     char* p = malloc(64);
     void* target = NULL;
     bool use_realloc = strncmp(mode, "realloc-", 8) == 0;
     const char* what = mode + (use_realloc ? 8 : 5);
-    if (strcmp(what, "interior") == 0) {
-        target = p + 8;
-    } else if (strcmp(what, "misaligned") == 0) {
+    if (strcmp(what, "misaligned") == 0) {
         target = p + 1;
-    } else if (strcmp(what, "stack") == 0) {
-        target = stack_bytes;
     } else if (strcmp(what, "static") == 0) {
         target = g_static_bytes;
     } else if (strcmp(what, "mmap") == 0) {
@@ -68,16 +55,8 @@ static int fault(const char* mode) {
         target = page + 16;
     } else if (strcmp(what, "code") == 0) {
         target = (void*)(uintptr_t)&fault;
-    } else if (strcmp(what, "given-back") == 0) {
-        target = given_back_block();
-    } else if (strcmp(what, "freed") == 0) {
-        free(p);
-        target = p;
     } else if (strcmp(what, "realloc0-then") == 0) {
         STRESS_CHECK(realloc(p, 0) == NULL, "realloc(p, 0) did not return null");
-        target = p;
-    } else if (strcmp(what, "overflow") == 0) {
-        p[64] = 0x41;
         target = p;
     } else {
         stress_fail("unknown fault %s", mode);

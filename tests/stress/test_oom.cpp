@@ -4,21 +4,17 @@
 
 #include <regex>
 
-#include "runner.h"
+#include "stress.h"
 
 using namespace stress;
 
 namespace {
 
 result run_failing(const std::string& mode, long fail_at, const temp_dir& dir, long fail_run = 1) {
-    run_options o;
-    o.preload = libtarvex() + " " + built("libfailing.so");
-    o.env = {{"TARVEX_TARGET_PROC_NAME", "stress_oom"},
-             {"TARVEX_TOP", "1"},
-             {"TARVEX_LOG_FILE_NAME", dir.file("log")},
-             {"STRESS_FAIL_AT", std::to_string(fail_at)},
-             {"STRESS_FAIL_RUN", std::to_string(fail_run)}};
-    o.timeout_s = 60;
+    options o = scenario_options(tracked_env("stress_oom", dir / "log", true), 60);
+    o.preload += " " + built("libfailing.so");
+    o.env["STRESS_FAIL_AT"] = std::to_string(fail_at);
+    o.env["STRESS_FAIL_RUN"] = std::to_string(fail_run);
     return run({built("stress_oom"), mode}, o);
 }
 
@@ -85,7 +81,7 @@ TEST(Oom, FaultReportUnderRefusalStillStopsCleanly) {
     temp_dir dir;
     result reference = run_failing("fault", 0, dir);
     ASSERT_TRUE(reference.killed_by(SIGABRT)) << reference.describe();
-    const std::string stop = assertion("stress_oom", 113, "void free(void*)");
+    const std::string stop = assertion("stress_oom", 113, k_free);
     ASSERT_EQ(reference.err, stop);
     std::vector<std::string> full = normalised_lines(reference.out);
     ASSERT_GE(full.size(), 6u) << reference.out;

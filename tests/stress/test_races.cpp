@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "runner.h"
+#include "stress.h"
 
 using namespace stress;
 
@@ -67,12 +67,7 @@ std::pair<std::string, std::string> one_report(const std::string& out) {
 
 unsigned line_of(const std::string& kind) { return kind == "footer" ? 125 : 113; }
 
-run_options target_options() {
-    run_options o;
-    o.env = {{"TARVEX_TARGET_PROC_NAME", k_prog}};
-    o.timeout_s = 60;
-    return o;
-}
+options target_options() { return scenario_options(tracked_env(k_prog), 60); }
 
 // Two threads release the same block at once: one release succeeds, the
 // other is reported (as an unknown pointer, or as a double free when the
@@ -87,7 +82,7 @@ TEST(Races, TwoThreadsReleaseOneBlockAtOnce) {
         auto report = one_report(r.out);
         EXPECT_EQ(report.first, a) << r.out;
         EXPECT_NE(report.second, "footer") << r.out;
-        EXPECT_EQ(r.err, "a=" + a + "\n" + assertion(k_prog, 113, "void free(void*)"));
+        EXPECT_EQ(r.err, "a=" + a + "\n" + assertion(k_prog, 113, k_free));
     }
 }
 
@@ -111,7 +106,7 @@ TEST(Races, FourThreadsFaultAtOnce) {
             EXPECT_EQ(report.first, ptrs["c"]) << r.out;
         }
         std::string first_line = r.err.substr(0, r.err.find('\n') + 1);
-        EXPECT_EQ(r.err, first_line + assertion(k_prog, line_of(report.second), "void free(void*)"));
+        EXPECT_EQ(r.err, first_line + assertion(k_prog, line_of(report.second), k_free));
     }
 }
 

@@ -1,18 +1,13 @@
 // The reentrancy guard (thread_map) and the choice of the target process.
-#include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <memory>
 #include <thread>
 
+#include "child.h"
 #include "unit_support.h"
-
-extern char** environ;
 
 namespace {
 
@@ -143,37 +138,11 @@ TEST(ThreadMapDeathTest, RemoveWithoutASlotStopsTheProcess) {
 
 // Runs this test binary with the given argv[0] in child mode and returns the
 // program name it computes from /proc/self/cmdline.
-std::string name_seen_by_child(std::string argv0) {
-    char exe[4096];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    if (n <= 0) return "<no exe>";
-    exe[n] = '\0';
-    int fds[2];
-    if (pipe(fds) != 0) return "<no pipe>";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    std::vector<std::string> env_text = {"TARVEX_UNIT_PRINT_PROC_NAME=1"};
-    for (char** e = environ; *e; ++e) env_text.push_back(*e);
-    std::vector<char*> envp;
-    for (std::string& e : env_text) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    char* argv[] = {&argv0[0], nullptr};
-    pid_t pid;
-    int rc = posix_spawn(&pid, exe, &actions, nullptr, argv, envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    std::string out;
-    char buf[256];
-    ssize_t got;
-    while (rc == 0 && ((got = read(fds[0], buf, sizeof buf)) > 0 || (got < 0 && errno == EINTR)))
-        if (got > 0) out.append(buf, size_t(got));
-    close(fds[0]);
-    if (rc != 0) return "<spawn failed>";
-    int status;
-    waitpid(pid, &status, 0);
-    return out;
+std::string name_seen_by_child(const std::string& argv0) {
+    child::options o;
+    o.exe = "/proc/self/exe";
+    o.env = {{"TARVEX_UNIT_PRINT_PROC_NAME", "1"}};
+    return child::run({argv0}, o).out;
 }
 
 struct name_case {

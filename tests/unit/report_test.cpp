@@ -1,7 +1,5 @@
 // The top report: byte-count formatting, the selection of the top rows, the
-// report text, its periodic trigger and the clear-stats file.
-#include <sys/stat.h>
-
+// report text and its periodic trigger.
 #include <cstdio>
 
 #include "unit_support.h"
@@ -238,27 +236,6 @@ TEST_F(TopReport, RequestWhileAReportRunsWritesNothing) {
     stats.dump_alloc_stats(5);
     EXPECT_EQ(g_nested_stats, nullptr);
     EXPECT_EQ(occurrences(unit::read_file(unit::log_path()), "----------top by count"), 1u);
-}
-
-TEST_F(TopReport, ClearStatsFileResetsTheCountersInsteadOfReporting) {
-    build_worked_example();
-    unit::touch_file(unit::clear_path());
-    stats.dump_alloc_stats(20);
-    struct stat st;
-    EXPECT_NE(stat(unit::clear_path().c_str(), &st), 0);
-    EXPECT_NE(stat(unit::log_path().c_str(), &st), 0);  // nothing written
-    EXPECT_TRUE(stats.m_uid_stats.empty());
-    EXPECT_EQ(stats.total_size(), 1300u);
-    EXPECT_EQ(stats.total_count(), 26u);
-
-    unit::g_now = 1013;
-    stats.dump_alloc_stats(20);
-    std::string log = unit::read_file(unit::log_path());
-    EXPECT_NE(log.find("\nMem usage: 1K (1300 bytes) (alloc/sec: 2)\n"
-                       "----------top by count----------\n"
-                       "uid: 00000000, count: 0, size: 0\n"),
-              std::string::npos)
-        << log;
 }
 
 }  // namespace

@@ -85,5 +85,25 @@ TEST(TopReport, ClearStatsFile) {
     EXPECT_FALSE(file_exists(dir / "clear"));
 }
 
+// A C program's heap at main already holds the emergency pool for
+// exception objects that the C++ runtime takes from malloc while it is
+// loaded (72704 bytes with GCC 12 on x86-64), one block, the same as when
+// that runtime is the shared library. (The program's only other block at
+// that point is its thread's TLS.)
+TEST(TopReport, CProgramStartsWithTheRuntimesPool) {
+    temp_dir dir;
+    ops_outcome o = run_ops({"report:5"}, {{"TARVEX_LOG_FILE_NAME", dir / "log"}, {"TARVEX_TOP", "1"}}, dir / "side");
+    ASSERT_TRUE(o.child.exited_ok()) << o.child.describe();
+    std::vector<parsed_report> reports;
+    std::string error;
+    std::string log = read_file(dir / "log");
+    ASSERT_TRUE(parse_log(log, reports, error)) << error;
+    ASSERT_EQ(reports.size(), 1u);
+    ASSERT_FALSE(reports[0].by_size.empty()) << log;
+    EXPECT_EQ(reports[0].by_size[0].count, 1u) << log;
+    EXPECT_GE(reports[0].by_size[0].size, 64u * 1024) << log;
+    EXPECT_LT(reports[0].bytes - reports[0].by_size[0].size, 4096u) << log;
+}
+
 }  // namespace
 }  // namespace reports

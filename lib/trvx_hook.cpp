@@ -192,9 +192,22 @@ inline mem_stats& stats() { return *g_ctx->m_stats; }
 
 // The library's mutexes are held across fork in their lock order and
 // released in both processes afterwards, so the child never inherits a mutex
-// held by a thread that does not exist there.
+// held by a thread that does not exist there. Meanwhile the forking thread
+// counts as inside the library: a signal handler that runs on it then (one
+// delivered as the fork's system call returns, say) passes its calls
+// straight through instead of waiting for the locks that this thread holds.
+__thread const tarvex::thread_map* t_busy_before_fork __attribute__((tls_model("initial-exec")));
+
+void mark_forking() {
+    t_busy_before_fork = tarvex::detail::t_busy_map;
+    tarvex::detail::t_busy_map = &g_ctx->m_thread_map;
+}
+
+void unmark_forking() { tarvex::detail::t_busy_map = t_busy_before_fork; }
+
 void before_fork() {
     if (g_ctx == nullptr) return;
+    mark_forking();
     g_ctx->m_stats->lock_for_fork();
     g_ctx->m_symbols.lock_for_fork();
     g_ctx->m_thread_map.lock_for_fork();
@@ -207,6 +220,7 @@ void after_fork_parent() {
     g_ctx->m_thread_map.unlock_after_fork();
     g_ctx->m_symbols.unlock_after_fork();
     g_ctx->m_stats->unlock_after_fork(false);
+    unmark_forking();
 }
 
 void after_fork_child() {
@@ -216,6 +230,7 @@ void after_fork_child() {
     g_ctx->m_thread_map.unlock_after_fork();
     g_ctx->m_symbols.unlock_after_fork();
     g_ctx->m_stats->unlock_after_fork(true);
+    unmark_forking();
 }
 
 // ---------------------------------------------------------------- tracked allocation

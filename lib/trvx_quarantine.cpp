@@ -25,8 +25,8 @@ quarantine::lane& quarantine::own_lane() {
 }
 
 // Strictly more than the limit released since the block entered, itself
-// included.
-bool quarantine::is_due(const record& r, uint64_t released) { return r.start + k_quarantine_limit < released; }
+// included. A difference, so that it holds across the count's wrap-around.
+bool quarantine::is_due(const record& r, uint64_t released) { return released - r.start > k_quarantine_limit; }
 
 size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t max) {
     size_t n = 0;
@@ -81,7 +81,7 @@ size_t quarantine::sweep_one(void** due, size_t max) {
     lane& l = m_lanes[t_sweep_lane];
     spin_guard guard(l.lock);
     uint64_t now = released();
-    if (l.records.empty() || l.records.front().start + k_quarantine_limit + k_sweep_after >= now) return 0;
+    if (l.records.empty() || now - l.records.front().start <= k_quarantine_limit + k_sweep_after) return 0;
     return take_locked(l, now, due, max);
 }
 

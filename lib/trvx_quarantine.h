@@ -5,7 +5,7 @@
 // bytes released into it so far (every entry adds its allocation size). A
 // block that entered when the count was `start` has as many bytes released
 // after and including it as the count has grown since, so it is due exactly
-// when start + limit < count: the quarantine always holds the longest run of
+// when count - start > limit: the quarantine always holds the longest run of
 // newest releases that together take at most the limit, as a queue drained
 // oldest first while its sum exceeds the limit would.
 //

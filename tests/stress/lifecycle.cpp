@@ -6,6 +6,10 @@
 //   stress_lifecycle usable            malloc_usable_size from signal handlers
 //                                      that interrupt tracked work; prints
 //                                      "usable: ok"
+//   stress_lifecycle fork-signal       forks while handlers of signals sent
+//                                      to the forking thread ask usable
+//                                      sizes and call a control function;
+//                                      prints "fork-signal: ok"
 //   stress_lifecycle exit              blocks released after main returns
 //                                      (atexit, static and thread-local
 //                                      destructors, a destructor function),
@@ -153,6 +157,46 @@ int usable_sizes() {
     return 0;
 }
 
+// The same handlers on a thread that forks while another releases: a signal
+// that arrives inside fork runs while the library holds its locks for the
+// fork, and must not wait for them.
+void on_fork_signal(int) {
+    size_t sum = 0;
+    for (void* p : g_live) sum += malloc_usable_size(p);
+    g_usable_sum = g_usable_sum + sum;
+    if (g_usable_calls % 8 == 0) trvx_trace_stop();
+    g_usable_calls = g_usable_calls + 1;
+}
+
+void* release_continually(void*) {
+    while (!g_stop.load(std::memory_order_relaxed)) free(malloc(100));
+    return nullptr;
+}
+
+int fork_signals() {
+    for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
+    struct sigaction sa = {};
+    sa.sa_handler = on_fork_signal;
+    sa.sa_flags = SA_RESTART;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGUSR2, &sa, nullptr);
+    pthread_t self = pthread_self(), signaller, releaser;
+    pthread_create(&releaser, nullptr, release_continually, nullptr);
+    pthread_create(&signaller, nullptr, signal_continually, &self);
+    for (int i = 0; i < 300; ++i) {
+        pid_t pid = fork();
+        if (pid == 0) _exit(0);
+        STRESS_CHECK(pid > 0, "fork failed");
+        STRESS_CHECK(stress_wait(pid, 60) >= 0, "child %d hung", i);
+    }
+    g_stop = true;
+    pthread_join(signaller, nullptr);
+    pthread_join(releaser, nullptr);
+    for (void* p : g_live) free(p);
+    puts("fork-signal: ok");
+    return 0;
+}
+
 // ---------------------------------------------------------------- exit
 
 // A static object whose destructor releases what its constructor (before
@@ -296,6 +340,7 @@ int main(int argc, char** argv) {
     const char* mode = argv[1];
     if (strcmp(mode, "signal") == 0) return signals();
     if (strcmp(mode, "usable") == 0) return usable_sizes();
+    if (strcmp(mode, "fork-signal") == 0) return fork_signals();
     if (strcmp(mode, "exit") == 0) return exit_scenario(false);
     if (strcmp(mode, "exit-double-free") == 0) return exit_scenario(true);
     if (strcmp(mode, "dlopen") == 0 && argc == 3) return dlopen_scenario(argv[2]);

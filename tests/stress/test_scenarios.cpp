@@ -42,6 +42,10 @@ const scenario k_scenarios[] = {
     // and the guard is intact afterwards.
     {"signal", {"stress_lifecycle", "signal"}, "signal: ok\n", "stress_lifecycle", true, 120, 0, 0, false},
     {"usable", {"stress_lifecycle", "usable"}, "usable: ok\n", "stress_lifecycle", true, 120, 0, 0, false},
+    // The same from handlers that run on a thread inside fork, while the
+    // library holds its locks for the fork.
+    {"fork_signal", {"stress_lifecycle", "fork-signal"}, "fork-signal: ok\n", "stress_lifecycle", true, 60, 0, 0,
+     false},
     // The plugin loaded and closed 50 times with each flag; blocks cross
     // between program and plugin and outlive it; reports symbolise stacks
     // into the unloaded plugin.

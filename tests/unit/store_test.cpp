@@ -207,6 +207,16 @@ TEST_F(Store, BlockLargerThanTheQuarantineFlushesEverythingThenItself) {
     EXPECT_EQ(stats.quarantine_block_count(), 0u);
 }
 
+// The released-bytes count wraps around after 2^64 bytes: the limit holds
+// across the wrap as it does anywhere else.
+TEST_F(Store, QuarantineHoldsItsLimitAcrossTheCountsWrap) {
+    EXPECT_EQ(release(fake_addr(0), ~uint64_t(0) - tarvex::k_quarantine_limit / 2 - 280 + 1),
+              std::vector<void*>{fake_addr(0)});
+    for (int i = 1; i <= 8192; ++i) ASSERT_TRUE(release(fake_addr(i), 1000).empty()) << i;
+    EXPECT_EQ(release(fake_addr(8193), 1000), std::vector<void*>{fake_addr(1)});
+    EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);
+}
+
 TEST_F(Store, BlockOfExactlyTheLimitStays) {
     EXPECT_TRUE(release(fake_addr(0), 10485480).empty());
     EXPECT_EQ(stats.quarantine_bytes(), tarvex::k_quarantine_limit);

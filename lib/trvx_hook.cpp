@@ -192,10 +192,16 @@ inline mem_stats& stats() { return *g_ctx->m_stats; }
 
 // The library's mutexes are held across fork in their lock order and
 // released in both processes afterwards, so the child never inherits a mutex
-// held by a thread that does not exist there. Meanwhile the forking thread
-// counts as inside the library: a signal handler that runs on it then (one
-// delivered as the fork's system call returns, say) passes its calls
-// straight through instead of waiting for the locks that this thread holds.
+// held by a thread that does not exist there.
+//
+// Between the two, other fork handlers may run on the forking thread (those
+// registered before tarvex's own, by libraries initialised before the first
+// allocation) and call the allocator: the thread then owns every lock, and
+// the library's scoped holds take nothing (trvx_lock.h), so those calls are
+// tracked as usual. While the locks are being taken or released, the
+// forking thread counts as inside the library instead: a signal handler that
+// runs on it then passes its calls straight through rather than waiting for
+// a lock that this thread holds.
 __thread const tarvex::thread_map* t_busy_before_fork __attribute__((tls_model("initial-exec")));
 
 void mark_forking() {
@@ -212,10 +218,14 @@ void before_fork() {
     g_ctx->m_symbols.lock_for_fork();
     g_ctx->m_thread_map.lock_for_fork();
     untracked_blocks().lock();
+    tarvex::detail::t_owns_fork_locks = true;
+    unmark_forking();
 }
 
 void after_fork_parent() {
     if (g_ctx == nullptr) return;
+    mark_forking();
+    tarvex::detail::t_owns_fork_locks = false;
     untracked_blocks().unlock();
     g_ctx->m_thread_map.unlock_after_fork();
     g_ctx->m_symbols.unlock_after_fork();
@@ -225,6 +235,8 @@ void after_fork_parent() {
 
 void after_fork_child() {
     if (g_ctx == nullptr) return;
+    mark_forking();
+    tarvex::detail::t_owns_fork_locks = false;
     untracked_blocks().unlock();
     g_ctx->m_thread_map.reset_in_child();
     g_ctx->m_thread_map.unlock_after_fork();

@@ -9,18 +9,30 @@
 
 namespace tarvex {
 
+// Set on the thread that forks while it holds every lock that the library
+// keeps across fork (from its prepare handler to its parent or child
+// handler). Fork handlers that other libraries registered earlier run in
+// that span and may allocate and release; the thread then already owns the
+// library's state exclusively, so the scoped holds below take nothing, and
+// its calls work exactly as at any other time instead of waiting for
+// themselves.
+namespace detail {
+extern __thread bool t_owns_fork_locks __attribute__((tls_model("initial-exec")));
+}
+inline bool owns_fork_locks() { return __builtin_expect(detail::t_owns_fork_locks, 0); }
+
 class scoped_lock {
 public:
-    explicit scoped_lock(pthread_mutex_t* m) : m_mutex(m) { pthread_mutex_lock(m_mutex); }
+    explicit scoped_lock(pthread_mutex_t* m) : m_mutex(m), m_owned(owns_fork_locks()) { lock(); }
     ~scoped_lock() {
-        if (m_held) pthread_mutex_unlock(m_mutex);
+        if (m_held) unlock();
     }
     void unlock() {
-        pthread_mutex_unlock(m_mutex);
+        if (!m_owned) pthread_mutex_unlock(m_mutex);
         m_held = false;
     }
     void lock() {
-        pthread_mutex_lock(m_mutex);
+        if (!m_owned) pthread_mutex_lock(m_mutex);
         m_held = true;
     }
     scoped_lock(const scoped_lock&) = delete;
@@ -28,7 +40,8 @@ public:
 
 private:
     pthread_mutex_t* m_mutex;
-    bool m_held = true;
+    bool m_owned;
+    bool m_held = false;
 };
 
 // A lock for the short critical sections of the allocation paths (a
@@ -68,13 +81,18 @@ private:
 
 class spin_guard {
 public:
-    explicit spin_guard(spin_lock& l) : m_lock(l) { m_lock.lock(); }
-    ~spin_guard() { m_lock.unlock(); }
+    explicit spin_guard(spin_lock& l) : m_lock(l), m_owned(owns_fork_locks()) {
+        if (!m_owned) m_lock.lock();
+    }
+    ~spin_guard() {
+        if (!m_owned) m_lock.unlock();
+    }
     spin_guard(const spin_guard&) = delete;
     spin_guard& operator=(const spin_guard&) = delete;
 
 private:
     spin_lock& m_lock;
+    bool m_owned;
 };
 
 }  // namespace tarvex

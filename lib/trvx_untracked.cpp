@@ -4,6 +4,8 @@
 
 #include <cerrno>
 
+#include "trvx_lock.h"
+
 namespace tarvex {
 
 namespace {
@@ -82,7 +84,7 @@ bool untracked_set::insert(void* p) {
     if (p == nullptr) return true;
     int saved_errno = errno;
     uintptr_t key = reinterpret_cast<uintptr_t>(p);
-    pthread_mutex_lock(&m_mutex);
+    scoped_lock lock(&m_mutex);
     bool ok = true;
     if ((m_used + 1) * 4 > m_capacity * 3) ok = grow();
     if (ok) {
@@ -93,7 +95,7 @@ bool untracked_set::insert(void* p) {
             ++m_live;
         }
     }
-    pthread_mutex_unlock(&m_mutex);
+    lock.unlock();
     errno = saved_errno;
     return ok;
 }
@@ -101,34 +103,25 @@ bool untracked_set::insert(void* p) {
 bool untracked_set::erase(void* p) {
     uintptr_t key = reinterpret_cast<uintptr_t>(p);
     if (key <= k_erased) return false;
-    pthread_mutex_lock(&m_mutex);
-    bool found = false;
-    if (m_live != 0) {
-        size_t i = probe(key);
-        if (m_slots[i] == key) {
-            m_slots[i] = k_erased;
-            --m_live;
-            found = true;
-        }
-    }
-    pthread_mutex_unlock(&m_mutex);
-    return found;
+    scoped_lock lock(&m_mutex);
+    if (m_live == 0) return false;
+    size_t i = probe(key);
+    if (m_slots[i] != key) return false;
+    m_slots[i] = k_erased;
+    --m_live;
+    return true;
 }
 
 bool untracked_set::contains(void* p) {
     uintptr_t key = reinterpret_cast<uintptr_t>(p);
     if (key <= k_erased) return false;
-    pthread_mutex_lock(&m_mutex);
-    bool found = m_live != 0 && m_slots[probe(key)] == key;
-    pthread_mutex_unlock(&m_mutex);
-    return found;
+    scoped_lock lock(&m_mutex);
+    return m_live != 0 && m_slots[probe(key)] == key;
 }
 
 size_t untracked_set::size() {
-    pthread_mutex_lock(&m_mutex);
-    size_t n = m_live;
-    pthread_mutex_unlock(&m_mutex);
-    return n;
+    scoped_lock lock(&m_mutex);
+    return m_live;
 }
 
 void record_break_range(void* begin, size_t len) {

@@ -43,6 +43,7 @@ const char* env_value::load() {
 namespace detail {
 TRVX_TLS const thread_map* t_inside_map;  // map the thread is inside
 TRVX_TLS const thread_map* t_busy_map;    // map whose guard operation runs
+TRVX_TLS bool t_owns_fork_locks;          // see trvx_lock.h
 unsigned char g_target_state;
 }  // namespace detail
 namespace {
@@ -66,7 +67,7 @@ bool thread_map::is_current_thread_inside() const {
 bool thread_map::check_and_set_current_thread() {
     if (is_current_thread_inside()) return false;
     t_busy_map = this;
-    pthread_mutex_lock(&m_mutex);
+    scoped_lock lock(&m_mutex);
     pthread_t self = pthread_self();
     int free_slot = -1;
     bool present = false;
@@ -83,7 +84,7 @@ bool thread_map::check_and_set_current_thread() {
         t_overflow = free_slot < 0;
         t_inside_map = this;
     }
-    pthread_mutex_unlock(&m_mutex);
+    lock.unlock();
     t_busy_map = nullptr;
     return !present;
 }
@@ -95,7 +96,7 @@ void thread_map::remove_current_thread() {
         return;
     }
     t_busy_map = this;
-    pthread_mutex_lock(&m_mutex);
+    scoped_lock lock(&m_mutex);
     pthread_t self = pthread_self();
     bool b = false;
     for (int i = 0; i < k_slots; ++i) {
@@ -105,7 +106,7 @@ void thread_map::remove_current_thread() {
             break;
         }
     }
-    pthread_mutex_unlock(&m_mutex);
+    lock.unlock();
     if (t_inside_map == this) t_inside_map = nullptr;
     t_busy_map = nullptr;
     if (!b) fail_assert("b == true", "lib/trvx_util", 65, "void tarvex::thread_map::remove_current_thread()");

@@ -59,6 +59,9 @@ const scenario k_scenarios[] = {
     {"dlsym_target", {"stress_dlsym"}, "ok\n", "stress_dlsym", false, 120, 0, 0, false},
     {"dlsym_other", {"stress_dlsym"}, "ok\n", "other", false, 120, 0, 0, false},
     {"dlsym_no_target", {"stress_dlsym"}, "ok\n", nullptr, false, 120, 0, 0, false},
+    // A library's fork handlers, registered before tarvex's, allocate and
+    // release inside the fork: no deadlock, and their blocks are tracked.
+    {"atfork_early", {"stress_atfork"}, "atfork: ok\n", "stress_atfork", false, 60, 0, 0, false},
     // Huge sizes, overflowing products, zero sizes, bad alignments, failed
     // and zero-size resizes: the defined result each time.
     {"edge_sizes", {"stress_hostile", "edge-sizes"}, "ok\n", "stress_hostile", true, 60, 0, 0, false},

@@ -44,6 +44,14 @@ volatile sig_atomic_t g_handled;
 void* g_live[64];
 volatile size_t g_usable_sum;
 
+void install_handler(int sig, void (*handler)(int)) {
+    struct sigaction sa = {};
+    sa.sa_handler = handler;
+    sa.sa_flags = SA_RESTART;
+    sigemptyset(&sa.sa_mask);
+    sigaction(sig, &sa, nullptr);
+}
+
 // Runs one control function per signal, in turn, or asks the size of live
 // blocks. The interrupted thread may be anywhere in the library, holding its
 // guard or a lock.
@@ -88,11 +96,7 @@ void* busy_thread(void*) {
 }
 
 int signals() {
-    struct sigaction sa = {};
-    sa.sa_handler = on_signal;
-    sa.sa_flags = SA_RESTART;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGUSR1, &sa, nullptr);
+    install_handler(SIGUSR1, on_signal);
     for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
     pthread_t threads[2];
     for (pthread_t& t : threads) pthread_create(&t, nullptr, busy_thread, nullptr);
@@ -139,11 +143,7 @@ void* signal_continually(void* target) {
 
 int usable_sizes() {
     for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
-    struct sigaction sa = {};
-    sa.sa_handler = on_usable_signal;
-    sa.sa_flags = SA_RESTART;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGUSR2, &sa, nullptr);
+    install_handler(SIGUSR2, on_usable_signal);
     pthread_t self = pthread_self(), signaller;
     pthread_create(&signaller, nullptr, signal_continually, &self);
     // At least 300 thousand operations and, unless the machine starves the
@@ -175,11 +175,7 @@ void* release_continually(void*) {
 
 int fork_signals() {
     for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
-    struct sigaction sa = {};
-    sa.sa_handler = on_fork_signal;
-    sa.sa_flags = SA_RESTART;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGUSR2, &sa, nullptr);
+    install_handler(SIGUSR2, on_fork_signal);
     pthread_t self = pthread_self(), signaller, releaser;
     pthread_create(&releaser, nullptr, release_continually, nullptr);
     pthread_create(&signaller, nullptr, signal_continually, &self);

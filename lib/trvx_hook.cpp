@@ -211,8 +211,13 @@ void mark_forking() {
 
 void unmark_forking() { tarvex::detail::t_busy_map = t_busy_before_fork; }
 
+// Whether this thread's prepare handler took the locks: a context built by
+// another thread meanwhile has nothing to release after the fork.
+__thread bool t_took_fork_locks __attribute__((tls_model("initial-exec")));
+
 void before_fork() {
     if (g_ctx == nullptr) return;
+    t_took_fork_locks = true;
     mark_forking();
     g_ctx->m_stats->lock_for_fork();
     g_ctx->m_symbols.lock_for_fork();
@@ -223,7 +228,8 @@ void before_fork() {
 }
 
 void after_fork_parent() {
-    if (g_ctx == nullptr) return;
+    if (!t_took_fork_locks) return;
+    t_took_fork_locks = false;
     mark_forking();
     tarvex::detail::t_owns_fork_locks = false;
     untracked_blocks().unlock();
@@ -234,7 +240,8 @@ void after_fork_parent() {
 }
 
 void after_fork_child() {
-    if (g_ctx == nullptr) return;
+    if (!t_took_fork_locks) return;
+    t_took_fork_locks = false;
     mark_forking();
     tarvex::detail::t_owns_fork_locks = false;
     untracked_blocks().unlock();

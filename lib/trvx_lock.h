@@ -53,26 +53,33 @@ private:
 // unlock that finds 2 makes the wake-up call. Not recursive.
 class spin_lock {
 public:
-    void lock() {
+    // True when taken; false when the lock is held by this very thread as
+    // the owner of the fork locks (then nothing is taken, and the caller
+    // must not release it). The owner is asked only when the lock is busy,
+    // which it always is for that thread.
+    bool lock() {
         int expected = 0;
-        if (!__atomic_compare_exchange_n(&m_word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
-            lock_slow();
+        if (__atomic_compare_exchange_n(&m_word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            return true;
+        return lock_slow();
     }
     void unlock() {
         if (__atomic_exchange_n(&m_word, 0, __ATOMIC_RELEASE) == 2) wake();
     }
 
 private:
-    void lock_slow() {
+    bool lock_slow() {
+        if (owns_fork_locks()) return false;
         for (int spins = 0; spins < 100; ++spins) {
             int expected = 0;
             if (__atomic_load_n(&m_word, __ATOMIC_RELAXED) == 0 &&
                 __atomic_compare_exchange_n(&m_word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
-                return;
+                return true;
             __builtin_ia32_pause();
         }
         while (__atomic_exchange_n(&m_word, 2, __ATOMIC_ACQUIRE) != 0)
             syscall(SYS_futex, &m_word, FUTEX_WAIT_PRIVATE, 2, nullptr, nullptr, 0);
+        return true;
     }
     void wake() { syscall(SYS_futex, &m_word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0); }
 
@@ -81,18 +88,16 @@ private:
 
 class spin_guard {
 public:
-    explicit spin_guard(spin_lock& l) : m_lock(l), m_owned(owns_fork_locks()) {
-        if (!m_owned) m_lock.lock();
-    }
+    explicit spin_guard(spin_lock& l) : m_lock(l), m_taken(l.lock()) {}
     ~spin_guard() {
-        if (!m_owned) m_lock.unlock();
+        if (m_taken) m_lock.unlock();
     }
     spin_guard(const spin_guard&) = delete;
     spin_guard& operator=(const spin_guard&) = delete;
 
 private:
     spin_lock& m_lock;
-    bool m_owned;
+    bool m_taken;
 };
 
 }  // namespace tarvex

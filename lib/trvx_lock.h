@@ -24,6 +24,12 @@ inline bool owns_fork_locks() { return __builtin_expect(detail::t_owns_fork_lock
 class scoped_lock {
 public:
     explicit scoped_lock(pthread_mutex_t* m) : m_mutex(m), m_owned(owns_fork_locks()) { lock(); }
+    // Takes the mutex only if it is free at once; held() tells.
+    struct try_only {};
+    scoped_lock(pthread_mutex_t* m, try_only) : m_mutex(m), m_owned(owns_fork_locks()) {
+        m_held = m_owned || pthread_mutex_trylock(m_mutex) == 0;
+    }
+    bool held() const { return m_held; }
     ~scoped_lock() {
         if (m_held) unlock();
     }

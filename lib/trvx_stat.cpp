@@ -375,15 +375,8 @@ void mem_stats::dump_alloc_stats_periodic(unsigned long n) {
     struct clear_flag {
         ~clear_flag() { __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE); }
     } clear;
-    // A thread that owns the locks for a fork holds this one already.
-    bool owned = owns_fork_locks();
-    if (!owned && pthread_mutex_trylock(&g_report_mutex) != 0) return;
-    struct unlock_report {
-        bool owned;
-        ~unlock_report() {
-            if (!owned) pthread_mutex_unlock(&g_report_mutex);
-        }
-    } unlock{owned};
+    scoped_lock report(&g_report_mutex, scoped_lock::try_only{});
+    if (!report.held()) return;
     write_top(n);
 }
 

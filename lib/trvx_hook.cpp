@@ -447,19 +447,55 @@ bool is_power_of_two(size_t v) { return v != 0 && (v & (v - 1)) == 0; }
 
 #define TRVX_EXPORT_C extern "C" __attribute__((visibility("default")))
 
-TRVX_EXPORT_C void* malloc(size_t size) {
-    trvx_malloc_fn next = __atomic_load_n(&g_next_malloc, __ATOMIC_ACQUIRE);
-    if (__builtin_expect(next != nullptr && pass_through_process(), 1)) return next(size);
+// The four hot entry points (malloc, calloc, realloc, free) test in their
+// first lines whether the process passes everything through and then jump
+// straight to the next definition, without a stack frame: the rest of their
+// work sits in the never-inlined helpers below, the arguments pass through a
+// stack slot (spilled), and no global is addressed in both parts. GCC
+// otherwise builds the whole frame (six pushes and a 600-byte stack for the
+// captured stack) before the first test, for every call of every process.
+// Only the capture itself stays in the entry point's body, so that frame 1
+// of a captured stack lies in the interposed function.
+namespace {
+template <class T>
+inline T spilled(T v) {
+    volatile T slot = v;
+    return slot;
+}
+
+// The untracked cases of malloc. True when the call is to be tracked: the
+// guard is then held. Otherwise the result is in *out.
+__attribute__((noinline)) bool malloc_enter(size_t size, void* caller, void** out) {
     resolve(g_next_malloc, g_resolving.malloc_, "malloc");
-    if (!frame_ready()) return while_building(tarvex::next_malloc(size));
-    if (size == 0) return maybe_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
-    if (!proc_info::is_target()) return other_process(tarvex::next_malloc(size));
-    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter())
-        return untracked(tarvex::next_malloc(size));
-    tarvex::backtrace bt;
+    if (!frame_ready()) {
+        *out = while_building(tarvex::next_malloc(size));
+    } else if (size == 0) {
+        *out = maybe_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
+    } else if (!proc_info::is_target()) {
+        *out = other_process(tarvex::next_malloc(size));
+    } else if (from_unwinder(caller) || !guard().try_enter()) {
+        *out = untracked(tarvex::next_malloc(size));
+    } else {
+        return true;
+    }
+    return false;
+}
+
+__attribute__((noinline)) void* malloc_tracked(tarvex::backtrace& bt, size_t size) {
     void* p = allocate_tracked(bt, source::malloc_, 0, size);
     guard().leave();
     return p;
+}
+}  // namespace
+
+TRVX_EXPORT_C void* malloc(size_t size_arg) {
+    trvx_malloc_fn next = __atomic_load_n(&g_next_malloc, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(next != nullptr && pass_through_process(), 1)) return next(size_arg);
+    size_t size = spilled(size_arg);
+    void* p;
+    if (!malloc_enter(size, __builtin_return_address(0), &p)) return p;
+    tarvex::backtrace bt;
+    return malloc_tracked(bt, size);
 }
 
 TRVX_EXPORT_C void* valloc(size_t size) {
@@ -477,22 +513,32 @@ TRVX_EXPORT_C void* valloc(size_t size) {
     return p;
 }
 
-TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
-    trvx_calloc_fn next = __atomic_load_n(&g_next_calloc, __ATOMIC_ACQUIRE);
-    if (__builtin_expect(next != nullptr && pass_through_process(), 1)) return next(count, size);
+namespace {
+__attribute__((noinline)) bool calloc_enter(size_t count, size_t size, void* caller, void** out) {
     if (__atomic_load_n(&g_next_calloc, __ATOMIC_ACQUIRE) == nullptr) {
-        if (__atomic_exchange_n(&g_calloc_resolving, true, __ATOMIC_ACQ_REL)) return calloc_from_break(count, size);
-        void* p = dlsym(RTLD_NEXT, "calloc");
-        if (p == nullptr) return calloc_from_break(count, size);
+        void* p = nullptr;
+        if (!__atomic_exchange_n(&g_calloc_resolving, true, __ATOMIC_ACQ_REL)) p = dlsym(RTLD_NEXT, "calloc");
+        if (p == nullptr) {
+            *out = calloc_from_break(count, size);
+            return false;
+        }
         __atomic_store_n(&g_next_calloc, reinterpret_cast<trvx_calloc_fn>(p), __ATOMIC_RELEASE);
     }
-    if (!frame_ready()) return while_building(g_next_calloc(count, size));
-    if (size == 0 || count == 0)
-        return maybe_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
-    if (!proc_info::is_target()) return other_process(g_next_calloc(count, size));
-    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter())
-        return untracked(g_next_calloc(count, size));
-    tarvex::backtrace bt;
+    if (!frame_ready()) {
+        *out = while_building(g_next_calloc(count, size));
+    } else if (size == 0 || count == 0) {
+        *out = maybe_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
+    } else if (!proc_info::is_target()) {
+        *out = other_process(g_next_calloc(count, size));
+    } else if (from_unwinder(caller) || !guard().try_enter()) {
+        *out = untracked(g_next_calloc(count, size));
+    } else {
+        return true;
+    }
+    return false;
+}
+
+__attribute__((noinline)) void* calloc_tracked(tarvex::backtrace& bt, size_t count, size_t size) {
     size_t n;
     void* p;
     if (__builtin_mul_overflow(count, size, &n)) {
@@ -504,31 +550,63 @@ TRVX_EXPORT_C void* calloc(size_t count, size_t size) {
     guard().leave();
     return p;
 }
+}  // namespace
 
-TRVX_EXPORT_C void free(void* ptr) {
-    trvx_free_fn next = __atomic_load_n(&g_next_free, __ATOMIC_ACQUIRE);
-    if (__builtin_expect(next != nullptr && pass_through_process() && !tarvex::break_ranges_exist(), 1))
-        return next(ptr);
+TRVX_EXPORT_C void* calloc(size_t count_arg, size_t size_arg) {
+    trvx_calloc_fn next = __atomic_load_n(&g_next_calloc, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(next != nullptr && pass_through_process(), 1)) return next(count_arg, size_arg);
+    size_t count = spilled(count_arg);
+    size_t size = spilled(size_arg);
+    void* p;
+    if (!calloc_enter(count, size, __builtin_return_address(0), &p)) return p;
+    tarvex::backtrace bt;
+    return calloc_tracked(bt, count, size);
+}
+
+namespace {
+// The untracked cases of free; true when the release is to be tracked (the
+// guard is then held).
+__attribute__((noinline)) bool free_enter(void* ptr, void* caller) {
     resolve(g_next_free, g_resolving.free_, "free");
-    if (ptr == nullptr) return tarvex::next_free(ptr);
-    if (tarvex::in_break_range(ptr, nullptr)) return;  // from the program break: never given back
+    if (ptr == nullptr) {
+        tarvex::next_free(ptr);
+        return false;
+    }
+    if (tarvex::in_break_range(ptr, nullptr)) return false;  // from the program break: never given back
     if (!frame_ready()) {
         untracked_blocks().erase(ptr);
-        return tarvex::next_free(ptr);
+        tarvex::next_free(ptr);
+        return false;
     }
     if (!proc_info::is_target()) {
         if (decision_pending()) untracked_blocks().erase(ptr);
-        return tarvex::next_free(ptr);
+        tarvex::next_free(ptr);
+        return false;
     }
-    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter()) {
+    if (from_unwinder(caller) || !guard().try_enter()) {
         untracked_blocks().erase(ptr);
-        return tarvex::next_free(ptr);
+        tarvex::next_free(ptr);
+        return false;
     }
     // The registry's line for ptr is fetched while the stack is captured.
     stats().m_block_info_map.prefetch(ptr);
-    tarvex::backtrace bt;
+    return true;
+}
+
+__attribute__((noinline)) void free_and_leave(tarvex::backtrace& bt, void* ptr) {
     free_tracked(bt, ptr);
     guard().leave();
+}
+}  // namespace
+
+TRVX_EXPORT_C void free(void* ptr_arg) {
+    trvx_free_fn next = __atomic_load_n(&g_next_free, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(next != nullptr && pass_through_process() && !tarvex::break_ranges_exist(), 1))
+        return next(ptr_arg);
+    void* ptr = spilled(ptr_arg);
+    if (!free_enter(ptr, __builtin_return_address(0))) return;
+    tarvex::backtrace bt;
+    free_and_leave(bt, ptr);
 }
 
 namespace {
@@ -553,20 +631,41 @@ void* realloc_untracked(void* ptr, size_t size) {
 }
 }  // namespace
 
-TRVX_EXPORT_C void* realloc(void* ptr, size_t size) {
-    trvx_realloc_fn next = __atomic_load_n(&g_next_realloc, __ATOMIC_ACQUIRE);
-    if (__builtin_expect(next != nullptr && pass_through_process() && !tarvex::break_ranges_exist(), 1))
-        return next(ptr, size);
+namespace {
+__attribute__((noinline)) bool realloc_enter(void* ptr, size_t size, void* caller, void** out) {
     resolve(g_next_realloc, g_resolving.realloc_, "realloc");
     size_t available;
-    if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, size, available);
-    if (!frame_ready()) return while_building(realloc_untracked(ptr, size));
-    if (!proc_info::is_target()) return decision_pending() ? realloc_untracked(ptr, size) : tarvex::next_realloc(ptr, size);
-    if (from_unwinder(__builtin_return_address(0)) || !guard().try_enter()) return realloc_untracked(ptr, size);
-    tarvex::backtrace bt;
+    if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) {
+        *out = realloc_from_break(ptr, size, available);
+    } else if (!frame_ready()) {
+        *out = while_building(realloc_untracked(ptr, size));
+    } else if (!proc_info::is_target()) {
+        *out = decision_pending() ? realloc_untracked(ptr, size) : tarvex::next_realloc(ptr, size);
+    } else if (from_unwinder(caller) || !guard().try_enter()) {
+        *out = realloc_untracked(ptr, size);
+    } else {
+        return true;
+    }
+    return false;
+}
+
+__attribute__((noinline)) void* realloc_and_leave(tarvex::backtrace& bt, void* ptr, size_t size) {
     void* p = realloc_tracked(bt, ptr, size);
     guard().leave();
     return p;
+}
+}  // namespace
+
+TRVX_EXPORT_C void* realloc(void* ptr_arg, size_t size_arg) {
+    trvx_realloc_fn next = __atomic_load_n(&g_next_realloc, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(next != nullptr && pass_through_process() && !tarvex::break_ranges_exist(), 1))
+        return next(ptr_arg, size_arg);
+    void* ptr = spilled(ptr_arg);
+    size_t size = spilled(size_arg);
+    void* p;
+    if (!realloc_enter(ptr, size, __builtin_return_address(0), &p)) return p;
+    tarvex::backtrace bt;
+    return realloc_and_leave(bt, ptr, size);
 }
 
 TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {

@@ -265,8 +265,8 @@ void remember_uid(unsigned int uid) {
 }
 }  // namespace
 
-// The list is built completely before it enters the map, so a failure to get
-// memory leaves no entry at all rather than a short one under the wrong uid.
+// A failure to get memory leaves no entry at all (the table throws before it
+// changes), rather than a short one under the wrong uid.
 void backtrace_symbols_cache::update_bt_cache(tarvex::backtrace& bt) {
     int len = bt.get_bt_len();
     unsigned int uid = bt.get_cookie();
@@ -275,10 +275,7 @@ void backtrace_symbols_cache::update_bt_cache(tarvex::backtrace& bt) {
     bool process_cache = ctx != nullptr && this == &ctx->m_symbols;
     if (len <= 0 || (process_cache && known_uid(uid))) return;
     scoped_lock lock(&m_mutex);
-    if (m_bt_cache.find(uid) == m_bt_cache.end()) {
-        frame_list frames(bt.get_bt(), bt.get_bt() + len);
-        m_bt_cache.emplace(uid, std::move(frames));
-    }
+    m_bt_cache.insert(uid, bt.get_bt(), uint32_t(len));
     if (process_cache) remember_uid(uid);
 }
 
@@ -298,9 +295,9 @@ bool backtrace_symbols_cache::find_and_update_bt_sym(std::vector<std::string>& o
             out = it->second;
             return true;
         }
-        auto bt_it = m_bt_cache.find(uid);
-        if (bt_it == m_bt_cache.end()) return false;
-        backtrace bt(bt_it->second.data(), bt_it->second.size());
+        const stack_table::frames* recorded = m_bt_cache.find(uid);
+        if (recorded == nullptr) return false;
+        backtrace bt(recorded->addrs(), recorded->len);
         lock.unlock();
         update_sym_cache(bt);
     }

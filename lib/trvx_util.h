@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "trvx_next.h"
+#include "trvx_stack_table.h"
 
 #define TRVX_EXPORT __attribute__((visibility("default")))
 
@@ -183,12 +184,9 @@ public:
     size_t bt_cache_size();
 
 private:
-    typedef std::vector<void*, raw_allocator<void*>> frame_list;
-    typedef std::pair<const unsigned int, frame_list> bt_entry;
-
     pthread_mutex_t m_mutex;
     std::map<unsigned int, std::vector<std::string>> m_sym_cache;
-    std::map<unsigned int, frame_list, std::less<unsigned int>, raw_allocator<bt_entry>> m_bt_cache;
+    stack_table m_bt_cache;
 };
 
 class mem_stats;

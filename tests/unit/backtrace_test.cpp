@@ -144,6 +144,31 @@ TEST_F(SymbolCache, FirstOfTwoStacksWithTheSameUidStands) {
     EXPECT_EQ(unit::last_symbolized(), first);
 }
 
+// The table behind the stack cache, through several doublings: uid 0 (a
+// real uid of a non-empty stack, though rare), uids that share their low
+// bits, and lengths 1 to 64 all come back exactly; the first stack of a uid
+// stays.
+TEST(StackTable, KeepsEveryFirstStackAcrossGrowth) {
+    tarvex::stack_table table;
+    std::vector<uint32_t> uids;
+    for (uint32_t i = 0; i < 3000; ++i) uids.push_back(i % 2 ? i << 20 : i * 2654435761u);
+    for (size_t i = 0; i < uids.size(); ++i) {
+        std::vector<void*> frames = unit::fake_frames(int(i % 64) + 1, int(i));
+        table.insert(uids[i], frames.data(), uint32_t(frames.size()));
+        std::vector<void*> other = unit::fake_frames(2, int(i) + 7);
+        table.insert(uids[i], other.data(), 2);
+    }
+    EXPECT_EQ(table.size(), uids.size());
+    for (size_t i = 0; i < uids.size(); ++i) {
+        const tarvex::stack_table::frames* f = table.find(uids[i]);
+        ASSERT_NE(f, nullptr) << i;
+        EXPECT_EQ(std::vector<void*>(f->addrs(), f->addrs() + f->len), unit::fake_frames(int(i % 64) + 1, int(i)));
+    }
+    EXPECT_EQ(table.find(12345), nullptr);
+    table.clear();
+    EXPECT_EQ(table.find(uids[0]), nullptr);
+}
+
 TEST_F(SymbolCache, LinesAreBuiltOnceAndOnlyByTheUpdatingLookup) {
     backtrace bt(unit::fake_frames(3, 9));
     cache.update_bt_cache(bt);

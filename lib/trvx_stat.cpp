@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -38,10 +40,22 @@ void block_info::update_block_info_footer(tarvex::backtrace& bt, block_info_foot
     char* frames = reinterpret_cast<char*>(footer) + offsetof(block_info_footer, m_frames);
     int len = bt.get_bt_len();
     size_t stored = len <= 0 ? 0 : (len < k_footer_frames ? size_t(len) : size_t(k_footer_frames));
-    void* const* src = bt.get_bt();
-    for (size_t i = 0; i < size_t(k_footer_frames); ++i) {
-        uint64_t v = i < stored ? reinterpret_cast<uint64_t>(src[i]) : ~uint64_t(0);
-        memcpy(frames + i * sizeof v, &v, sizeof v);
+    const char* src = reinterpret_cast<const char*>(bt.get_bt());
+    // Two entries at a time and without a branch per entry (whose outcome
+    // would flip at the stack's depth): an entry at or past the count is
+    // ORed with an all-ones mask from comparing its index with the count.
+    // The backtrace's array always has room for 32 entries; those past its
+    // length are read but masked.
+    static_assert(backtrace::k_capacity >= k_footer_frames, "the masked reads stay inside the array");
+    const __m128i last = _mm_set1_epi32(int(stored) - 1);
+    const __m128i step = _mm_set1_epi32(2);
+    __m128i index = _mm_set_epi32(1, 1, 0, 0);  // entry i in the low half, i + 1 in the high half
+#pragma GCC unroll 16
+    for (size_t i = 0; i < size_t(k_footer_frames); i += 2) {
+        __m128i fill = _mm_cmpgt_epi32(index, last);
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i * 8));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(frames + i * 8), _mm_or_si128(v, fill));
+        index = _mm_add_epi32(index, step);
     }
 }
 

@@ -23,8 +23,6 @@
 #include "trvx_unwind.h"
 #include "trvx_util.h"
 
-// libgcc's FDE lookup (the unwinder library's address range is found from it).
-extern "C" const void* _Unwind_Find_FDE(void* pc, void* bases);
 
 using tarvex::block_info;
 using tarvex::k_footer_size;
@@ -101,19 +99,25 @@ void* calloc_from_break(size_t count, size_t size) {
 // registered at run time (a JIT). Tracking such a call would capture a stack,
 // which looks FDEs up again under the same mutex: the calls that come
 // straight from the unwinder library are passed through untracked instead.
+// Its address range is known once the first call to be tracked has loaded it.
 uintptr_t g_unwinder_begin;
 uintptr_t g_unwinder_end;
+bool g_unwinder_loaded;
 
-void find_unwinder() {
-    dl_find_object found;
-    if (_dl_find_object(reinterpret_cast<void*>(&_Unwind_Find_FDE), &found) == 0) {
-        g_unwinder_begin = reinterpret_cast<uintptr_t>(found.dlfo_map_start);
-        g_unwinder_end = reinterpret_cast<uintptr_t>(found.dlfo_map_end);
-    }
+// Called with the guard held, so that the loader's own allocations pass
+// through. Threads that meet here first both load; the second dlopen only
+// counts a reference.
+void ensure_unwinder() {
+    if (__atomic_load_n(&g_unwinder_loaded, __ATOMIC_ACQUIRE)) return;
+    tarvex::code_range range = tarvex::load_shared_unwinder();
+    __atomic_store_n(&g_unwinder_begin, range.begin, __ATOMIC_RELAXED);
+    __atomic_store_n(&g_unwinder_end, range.end, __ATOMIC_RELAXED);
+    __atomic_store_n(&g_unwinder_loaded, true, __ATOMIC_RELEASE);
 }
 
 inline bool from_unwinder(void* return_address) {
-    return reinterpret_cast<uintptr_t>(return_address) - g_unwinder_begin < g_unwinder_end - g_unwinder_begin;
+    uintptr_t begin = __atomic_load_n(&g_unwinder_begin, __ATOMIC_RELAXED);
+    return reinterpret_cast<uintptr_t>(return_address) - begin < __atomic_load_n(&g_unwinder_end, __ATOMIC_RELAXED) - begin;
 }
 
 // ---------------------------------------------------------------- bootstrap
@@ -143,7 +147,6 @@ void bootstrap() {
         __atomic_store_n(&g_init_failed, true, __ATOMIC_RELEASE);
         return;
     }
-    find_unwinder();
     pthread_atfork(before_fork, after_fork_parent, after_fork_child);
     __atomic_store_n(&g_ctx, ctx, __ATOMIC_RELEASE);
     __atomic_store_n(&g_init_state, 2, __ATOMIC_RELEASE);
@@ -178,6 +181,17 @@ inline void* while_building(void* p) {
 }
 
 inline tarvex::thread_map& guard() { return g_ctx->m_thread_map; }
+
+// Takes the guard for a call that is to be tracked: false when the call
+// passes through untracked instead (the thread is inside the library, or
+// the call comes from the unwinder library itself).
+bool enter_tracking(void* caller) {
+    if (!guard().try_enter()) return false;
+    ensure_unwinder();
+    if (!from_unwinder(caller)) return true;
+    guard().leave();
+    return false;
+}
 
 // True once the context exists in a process that is not the target: the
 // call then goes straight to the next definition. Tested first, with one
@@ -473,7 +487,7 @@ __attribute__((noinline)) bool malloc_enter(size_t size, void* caller, void** ou
         *out = maybe_target() ? untracked(tarvex::next_malloc(0)) : tarvex::next_malloc(0);
     } else if (!proc_info::is_target()) {
         *out = other_process(tarvex::next_malloc(size));
-    } else if (from_unwinder(caller) || !guard().try_enter()) {
+    } else if (!enter_tracking(caller)) {
         *out = untracked(tarvex::next_malloc(size));
     } else {
         return true;
@@ -506,7 +520,7 @@ TRVX_EXPORT_C void* valloc(size_t size) {
     }
     if (size == 0) return maybe_target() ? untracked(g_next_valloc(0)) : g_next_valloc(0);
     if (!proc_info::is_target()) return other_process(g_next_valloc(size));
-    if (!guard().try_enter()) return untracked(g_next_valloc(size));
+    if (!enter_tracking(__builtin_return_address(0))) return untracked(g_next_valloc(size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::valloc_, 0, size);
     guard().leave();
@@ -530,7 +544,7 @@ __attribute__((noinline)) bool calloc_enter(size_t count, size_t size, void* cal
         *out = maybe_target() ? untracked(g_next_calloc(count, size)) : g_next_calloc(count, size);
     } else if (!proc_info::is_target()) {
         *out = other_process(g_next_calloc(count, size));
-    } else if (from_unwinder(caller) || !guard().try_enter()) {
+    } else if (!enter_tracking(caller)) {
         *out = untracked(g_next_calloc(count, size));
     } else {
         return true;
@@ -583,7 +597,7 @@ __attribute__((noinline)) bool free_enter(void* ptr, void* caller) {
         tarvex::next_free(ptr);
         return false;
     }
-    if (from_unwinder(caller) || !guard().try_enter()) {
+    if (!enter_tracking(caller)) {
         untracked_blocks().erase(ptr);
         tarvex::next_free(ptr);
         return false;
@@ -641,7 +655,7 @@ __attribute__((noinline)) bool realloc_enter(void* ptr, size_t size, void* calle
         *out = while_building(realloc_untracked(ptr, size));
     } else if (!proc_info::is_target()) {
         *out = decision_pending() ? realloc_untracked(ptr, size) : tarvex::next_realloc(ptr, size);
-    } else if (from_unwinder(caller) || !guard().try_enter()) {
+    } else if (!enter_tracking(caller)) {
         *out = realloc_untracked(ptr, size);
     } else {
         return true;
@@ -683,7 +697,7 @@ TRVX_EXPORT_C void* reallocarray(void* ptr, size_t count, size_t size) {
     if (ptr != nullptr && tarvex::in_break_range(ptr, &available)) return realloc_from_break(ptr, n, available);
     if (!frame_ready()) return while_building(realloc_untracked(ptr, n));
     if (!proc_info::is_target()) return decision_pending() ? realloc_untracked(ptr, n) : tarvex::next_realloc(ptr, n);
-    if (!guard().try_enter()) return realloc_untracked(ptr, n);
+    if (!enter_tracking(__builtin_return_address(0))) return realloc_untracked(ptr, n);
     tarvex::backtrace bt;
     void* p = realloc_tracked(bt, ptr, n);
     guard().leave();
@@ -707,7 +721,7 @@ TRVX_EXPORT_C void* memalign(size_t align, size_t size) {
     resolve(g_next_memalign, g_resolving.memalign_, "memalign");
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
     if (!proc_info::is_target()) return other_process(tarvex::next_memalign(align, size));
-    if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
+    if (!enter_tracking(__builtin_return_address(0))) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
     guard().leave();
@@ -720,7 +734,7 @@ TRVX_EXPORT_C void* aligned_alloc(size_t align, size_t size) {
     resolve(g_next_memalign, g_resolving.memalign_, "memalign");
     if (!frame_ready() || size == 0) return memalign_untracked(align, size);
     if (!proc_info::is_target()) return other_process(tarvex::next_memalign(align, size));
-    if (!guard().try_enter()) return untracked(tarvex::next_memalign(align, size));
+    if (!enter_tracking(__builtin_return_address(0))) return untracked(tarvex::next_memalign(align, size));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, align, size);
     guard().leave();
@@ -736,7 +750,7 @@ TRVX_EXPORT_C int posix_memalign(void** out, size_t align, size_t size) {
         p = memalign_untracked(align, size);
     } else if (!proc_info::is_target()) {
         p = other_process(tarvex::next_memalign(align, size));
-    } else if (!guard().try_enter()) {
+    } else if (!enter_tracking(__builtin_return_address(0))) {
         p = untracked(tarvex::next_memalign(align, size));
     } else {
         tarvex::backtrace bt;
@@ -760,7 +774,7 @@ TRVX_EXPORT_C void* pvalloc(size_t size) {
     rounded &= ~(page - 1);
     if (!frame_ready() || rounded == 0) return memalign_untracked(page, rounded ? rounded : page);
     if (!proc_info::is_target()) return other_process(tarvex::next_memalign(page, rounded));
-    if (!guard().try_enter()) return untracked(tarvex::next_memalign(page, rounded));
+    if (!enter_tracking(__builtin_return_address(0))) return untracked(tarvex::next_memalign(page, rounded));
     tarvex::backtrace bt;
     void* p = allocate_tracked(bt, source::memalign_, page, rounded);
     guard().leave();

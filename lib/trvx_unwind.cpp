@@ -1,6 +1,8 @@
 #include "trvx_unwind.h"
 
+#include <dlfcn.h>
 #include <execinfo.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -16,8 +18,10 @@ struct trvx_eh_bases {
     void* dbase;
     void* func;
 };
-// libgcc's own FDE lookup: the same table search its unwinder makes.
+// libgcc's own FDE lookup: the same table search its unwinder makes. In the
+// preloaded library this is the copy of libgcc linked into it.
 const void* _Unwind_Find_FDE(void* pc, trvx_eh_bases* bases);
+typedef const void* (*trvx_find_fde_fn)(void* pc, trvx_eh_bases* bases);
 int trvx_unwind_from(void** frames, int max, uintptr_t ra, uintptr_t sp, uintptr_t fp, uint32_t* uid);
 }
 
@@ -56,6 +60,17 @@ namespace {
 constexpr unsigned k_reg_rbp = 6;
 constexpr unsigned k_reg_rsp = 7;
 constexpr unsigned k_reg_ra = 16;
+
+// ---------------------------------------------------------------- FDE lookup
+
+// The shared libgcc's lookup once load_shared_unwinder() found it; until
+// then the one this code was linked with.
+trvx_find_fde_fn g_find_fde;
+
+const void* find_fde(void* pc, trvx_eh_bases* bases) {
+    trvx_find_fde_fn f = __atomic_load_n(&g_find_fde, __ATOMIC_ACQUIRE);
+    return f != nullptr ? f(pc, bases) : _Unwind_Find_FDE(pc, bases);
+}
 
 // ---------------------------------------------------------------- rules
 
@@ -300,7 +315,7 @@ bool run_program(reader r, const cie_info& cie, frame_state& fs, uintptr_t& loc,
 rule compute_rule(uintptr_t pc) {
     rule out{k_unsupported, false, false, 0, 0};
     trvx_eh_bases bases{};
-    const uint8_t* fde = static_cast<const uint8_t*>(_Unwind_Find_FDE(reinterpret_cast<void*>(pc - 1), &bases));
+    const uint8_t* fde = static_cast<const uint8_t*>(find_fde(reinterpret_cast<void*>(pc - 1), &bases));
     if (fde == nullptr) {
         // libgcc recognises the signal return trampoline by its code
         // (mov $15, %rax; syscall) and walks on through the signal frame.
@@ -498,6 +513,21 @@ __attribute__((noinline)) int glibc_capture(void** frames, int max, uintptr_t ra
 }  // namespace
 
 void unwind_cache_invalidate() { __atomic_add_fetch(&g_generation, 1, __ATOMIC_ACQ_REL); }
+
+// glibc's backtrace() loads the same library the same way on its first call.
+code_range load_shared_unwinder() {
+    void* lib = dlopen("libgcc_s.so.1", RTLD_NOW | RTLD_LOCAL);
+    void* f = lib != nullptr ? dlsym(lib, "_Unwind_Find_FDE") : nullptr;
+    code_range range{0, 0};
+    if (f == nullptr) return range;
+    __atomic_store_n(&g_find_fde, reinterpret_cast<trvx_find_fde_fn>(f), __ATOMIC_RELEASE);
+    // Rules read before knew nothing of frames registered at run time.
+    unwind_cache_invalidate();
+    dl_find_object found;
+    if (_dl_find_object(f, &found) == 0)
+        range = {reinterpret_cast<uintptr_t>(found.dlfo_map_start), reinterpret_cast<uintptr_t>(found.dlfo_map_end)};
+    return range;
+}
 
 }  // namespace tarvex
 

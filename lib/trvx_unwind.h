@@ -32,6 +32,19 @@ extern "C" int trvx_capture_stack(void** frames, int max, uint32_t* uid = nullpt
 // Forgets every cached rule (code may have been unloaded).
 void unwind_cache_invalidate();
 
+// The rules come from the FDE lookup of the shared libgcc (libgcc_s), the
+// one glibc's backtrace() walks with: only it knows the frames that programs
+// register at run time (JIT code). The preloaded library links a copy of
+// libgcc in and loads the shared one only when it is about to capture, so
+// that the processes that are not the target never load it; until then, and
+// where it cannot be loaded, the captures use the copy. Loads it (again
+// harmlessly) and returns its address range, empty when it is not there.
+struct code_range {
+    uintptr_t begin;
+    uintptr_t end;
+};
+code_range load_shared_unwinder();
+
 // The capture then checks every result against glibc's backtrace() and
 // aborts on the first difference (a build option for testing the unwinder).
 extern bool g_verify_unwind;

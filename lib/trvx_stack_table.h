@@ -1,6 +1,6 @@
 // The stack cache's storage: uid to the return addresses first recorded
-// under it, in one open-addressed array of 16-byte slots, each pointing to
-// one block that holds the frames.
+// under it, in an open-addressed table of 16-byte slots (trvx_uid_map.h),
+// each pointing to one block that holds the frames.
 //
 // A new call site writes one slot and one fresh block. An ordered map wrote
 // a node, a separate frame array and, while rebalancing, the links of nodes
@@ -12,6 +12,8 @@
 
 #include <cstddef>
 #include <cstdint>
+
+#include "trvx_uid_map.h"
 
 namespace tarvex {
 
@@ -31,25 +33,16 @@ public:
     ~stack_table() { clear(); }
 
     // The frames stored under uid, or null.
-    const frames* find(uint32_t uid) const;
+    const frames* find(uint32_t uid);
     // Stores a copy of addrs[0..len) under uid unless uid is present (the
     // first stack stays). len is 1 to 64. Throws std::bad_alloc when memory
     // runs out; nothing changes then.
     void insert(uint32_t uid, void* const* addrs, uint32_t len);
-    size_t size() const { return m_size; }
+    size_t size() const { return m_index.size(); }
     void clear();
 
 private:
-    struct slot {
-        uint32_t uid;
-        frames* rec;  // null: empty
-    };
-    size_t index_of(uint32_t uid) const;
-    void grow();
-
-    slot* m_slots = nullptr;
-    size_t m_capacity = 0;  // a power of two, or 0
-    size_t m_size = 0;
+    uid_table<frames*> m_index;
 };
 
 }  // namespace tarvex

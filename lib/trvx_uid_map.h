@@ -1,6 +1,7 @@
-// The per-call-site counters: uid to (count, bytes), open-addressed in one
-// array. A lookup hashes with one multiplication and reads one cache line,
-// where a node-based hash map divides by a prime and follows pointers; that
+// Tables keyed by uid, open-addressed in one array: the per-call-site
+// counters (uid to count and bytes) and the stack cache's index. A lookup
+// hashes with one multiplication and reads one cache line, where a
+// node-based hash map divides by a prime and follows pointers; that
 // difference is most of what counting adds to a tracked call. It offers the
 // part of std::unordered_map's interface that the store and its tests use.
 // Entries are only added and cleared all at once, never erased one by one.
@@ -15,17 +16,13 @@
 
 namespace tarvex {
 
-class uid_map {
+template <class V>
+class uid_table {
 public:
-    // Count and bytes, named like a pair's members.
-    struct counter {
-        uint64_t first;
-        uint64_t second;
-    };
     struct value_type {
         uint32_t first;
         uint32_t used;  // 0: empty slot
-        counter second;
+        V second;
     };
 
     class iterator {
@@ -49,10 +46,10 @@ public:
         value_type* m_end;
     };
 
-    uid_map() = default;
-    uid_map(const uid_map&) = delete;
-    uid_map& operator=(const uid_map&) = delete;
-    ~uid_map() { next_free(m_slots); }
+    uid_table() = default;
+    uid_table(const uid_table&) = delete;
+    uid_table& operator=(const uid_table&) = delete;
+    ~uid_table() { next_free(m_slots); }
 
     iterator begin() { return iterator(m_slots, m_slots + m_capacity); }
     iterator end() { return iterator(m_slots + m_capacity, m_slots + m_capacity); }
@@ -65,16 +62,16 @@ public:
         return s->used ? iterator(s, m_slots + m_capacity) : end();
     }
 
-    // The counter of uid, created at (0, 0) when missing. Throws
+    // The value of uid, value-initialised when missing. Throws
     // std::bad_alloc when the table cannot grow; nothing changes then.
-    counter& operator[](uint32_t uid) {
+    V& operator[](uint32_t uid) {
         if (m_capacity != 0) {
             value_type* s = &m_slots[probe(uid)];
             if (s->used) return s->second;
         }
         if ((m_size + 1) * 4 > m_capacity * 3) grow();
         value_type* s = &m_slots[probe(uid)];
-        *s = value_type{uid, 1, counter{0, 0}};
+        *s = value_type{uid, 1, V{}};
         ++m_size;
         return s->second;
     }
@@ -112,6 +109,17 @@ private:
     value_type* m_slots = nullptr;
     size_t m_capacity = 0;  // a power of two, or 0
     size_t m_size = 0;
+};
+
+// Count and bytes, named like a pair's members.
+struct uid_counter {
+    uint64_t first;
+    uint64_t second;
+};
+
+class uid_map : public uid_table<uid_counter> {
+public:
+    typedef uid_counter counter;
 };
 
 }  // namespace tarvex

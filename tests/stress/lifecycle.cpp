@@ -17,7 +17,7 @@
 //   stress_lifecycle exit-double-free  an atexit handler releases a block
 //                                      twice: stopped like any other
 //   stress_lifecycle dlopen FLAGS      libstress_plugin.so loaded and closed
-//                                      50 times (FLAGS: now, lazy, deepbind);
+//                                      50 times (FLAGS: now, deepbind);
 //                                      blocks cross between program and
 //                                      plugin, some outlive the plugin
 //
@@ -294,7 +294,6 @@ void plugin_path(char* out, size_t cap) {
 // so blocks cross between plugin and program as with the other flags.
 int dlopen_scenario(const char* flags_name) {
     int flags = RTLD_NOW;
-    if (strcmp(flags_name, "lazy") == 0) flags = RTLD_LAZY;
     if (strcmp(flags_name, "deepbind") == 0) flags = RTLD_NOW | RTLD_DEEPBIND;
     char path[4200];
     plugin_path(path, sizeof path);

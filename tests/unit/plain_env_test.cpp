@@ -16,15 +16,8 @@ protected:
     }
 };
 
-TEST_F(PlainEnv, NothingIsSetAndNothingIsTargeted) {
-    EXPECT_FALSE(mem_stats::get_alloc_stat_on());
-    EXPECT_EQ(mem_stats::get_log_file_name(), nullptr);
-    EXPECT_EQ(mem_stats::get_clear_stats_file_name(), nullptr);
-    EXPECT_EQ(tarvex::proc_info::get_target_proc_name(), nullptr);
-    EXPECT_FALSE(tarvex::proc_info::is_target_proc());
-}
-
 TEST_F(PlainEnv, EmptyNoBacktraceSettingSwitchesCaptureOff) {
+    EXPECT_FALSE(tarvex::proc_info::is_target_proc());
     tarvex::backtrace bt;
     EXPECT_EQ(bt.get_bt_len(), 0);
     EXPECT_EQ(bt.get_cookie(), 0u);

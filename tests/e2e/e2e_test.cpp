@@ -116,7 +116,7 @@ void PrintTo(const clean_case& c, std::ostream* os) { *os << c.name; }
 
 // clang-format off
 #define FOOTER(label, top, caller) \
-    label ": m1=bebafeca m2=bebafeca alloc=frames free=0 frames=ok top=" top " caller=" caller "\n"
+    label ": m1=bebafeca m2=bebafeca alloc=set free=0 frames=ok top=" top " caller=" caller "\n"
 
 const clean_case k_clean[] = {
     // Tracked allocation: fill, footer layout, uids, errors.
@@ -164,7 +164,7 @@ const clean_case k_clean[] = {
     // Tracked release and resize.
     {"release", false, {"release"},
      "released bytes 0xdd: 10 of 10\n"
-     "after free: m1=bebafeca m2=bebafeca alloc=other free=frames frames=ok top=free caller=self\n"
+     "after free: m1=bebafeca m2=bebafeca alloc=set free=set frames=ok top=free caller=self\n"
      "alloc uid kept=1 free uid differs=1\n", nullptr},
     {"realloc", false, {"realloc"},
      "grow 4->8: moved=1 head=abcd tail=dededede usable=8 old 0xdd=4\n"
@@ -174,7 +174,7 @@ const clean_case k_clean[] = {
      "realloc(NULL,32): fresh=32 usable=32\n"
      FOOTER("realloc(NULL,32)", "realloc", "self")
      "realloc(NULL,0): null\n"
-     "realloc(p,0): null, released bytes 0xdd=2, free uid=frames\n"
+     "realloc(p,0): null, released bytes 0xdd=2, free uid=set\n"
      "reallocarray(s,4,5): moved=1 head=0123456789abcdefghij usable=20\n"
      FOOTER("reallocarray", "reallocarray", "self"), nullptr},
 

@@ -246,7 +246,7 @@ static void scenario_realloc(void) {
     void* u = realloc(launder(r), 0);
     footer_view rel = read_footer(r, 2);
     emit(OUT_FD, "realloc(p,0): %s, released bytes 0xdd=%zu, free uid=%s\n", u ? "block" : "null",
-         count_bytes(r, 2, 0xDD), uid_vs_frames(rel.free_uid, &rel));
+         count_bytes(r, 2, 0xDD), uid_state(rel.free_uid));
 
     memcpy(s, "0123456789abcdefghijklmnopqrstuv", 32);
     unsigned char* v = launder(reallocarray(launder(s), 4, 5));

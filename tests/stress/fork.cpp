@@ -5,8 +5,6 @@
 //                          keep entering the library; every child allocates,
 //                          resizes, releases, reports and traces at once and
 //                          exits 0; every few forks the spawn family runs too
-//   stress_fork probe W    W is tracked or untracked: exits 0 when this
-//                          process is (not) tracked as expected
 //
 // Expects TARVEX_TARGET_PROC_NAME=stress_fork, TARVEX_TOP and
 // TARVEX_LOG_FILE_NAME to be set, and stress_probe next to this program.
@@ -22,18 +20,16 @@ extern char** environ;
 
 namespace {
 
-char g_self[4096];
 char g_probe[4096];
 const char* g_log;
 std::atomic<bool> g_stop{false};
 
 void find_programs() {
-    ssize_t n = readlink("/proc/self/exe", g_self, sizeof g_self - 1);
+    ssize_t n = readlink("/proc/self/exe", g_probe, sizeof g_probe - 1);
     STRESS_CHECK(n > 0, "readlink /proc/self/exe failed");
-    g_self[n] = '\0';
-    snprintf(g_probe, sizeof g_probe, "%s", g_self);
+    g_probe[n] = '\0';
     char* slash = strrchr(g_probe, '/');
-    STRESS_CHECK(slash != nullptr, "no directory in %s", g_self);
+    STRESS_CHECK(slash != nullptr, "no directory in %s", g_probe);
     snprintf(slash + 1, sizeof g_probe - static_cast<size_t>(slash + 1 - g_probe), "stress_probe");
 }
 
@@ -159,13 +155,11 @@ void expect_exit0(int status, const char* what) {
     STRESS_CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0, "%s: wait status 0x%x", what, status);
 }
 
-char* const* probe_argv(const char* program, const char* want) {
-    static char* argv[4];
-    argv[0] = const_cast<char*>(program);
-    int i = 1;
-    if (program == g_self) argv[i++] = const_cast<char*>("probe");
-    argv[i++] = const_cast<char*>(want);
-    argv[i] = nullptr;
+char* const* probe_argv(const char* want) {
+    static char* argv[3];
+    argv[0] = g_probe;
+    argv[1] = const_cast<char*>(want);
+    argv[2] = nullptr;
     return argv;
 }
 
@@ -188,48 +182,26 @@ char* const* env_with_target(const char* target) {
 void spawn_checks() {
     pid_t pid = vfork();
     if (pid == 0) {
-        execve(g_probe, probe_argv(g_probe, "untracked"), environ);
+        execve(g_probe, probe_argv("untracked"), environ);
         _exit(127);
     }
     STRESS_CHECK(pid > 0, "vfork failed");
     expect_exit0(stress_wait(pid, 60), "vfork+exec of stress_probe");
 
-    STRESS_CHECK(posix_spawn(&pid, g_probe, nullptr, nullptr, probe_argv(g_probe, "untracked"), environ) == 0,
+    STRESS_CHECK(posix_spawn(&pid, g_probe, nullptr, nullptr, probe_argv("untracked"), environ) == 0,
                  "posix_spawn failed");
     expect_exit0(stress_wait(pid, 60), "posix_spawn of stress_probe");
 
-    STRESS_CHECK(posix_spawn(&pid, g_self, nullptr, nullptr, probe_argv(g_self, "tracked"), environ) == 0,
-                 "posix_spawn failed");
-    expect_exit0(stress_wait(pid, 60), "posix_spawn of stress_fork");
-
     pid = fork();
     if (pid == 0) {
-        execve(g_probe, probe_argv(g_probe, "tracked"), env_with_target("stress_probe"));
+        execve(g_probe, probe_argv("tracked"), env_with_target("stress_probe"));
         _exit(127);
     }
     expect_exit0(stress_wait(pid, 60), "fork+exec of stress_probe named as the target");
 
-    pid = fork();
-    if (pid == 0) {
-        execve(g_self, probe_argv(g_self, "tracked"), environ);
-        _exit(127);
-    }
-    expect_exit0(stress_wait(pid, 60), "fork+exec of stress_fork");
-
     static char command[8300];
     snprintf(command, sizeof command, "'%s' untracked", g_probe);
-    int status = system(command);
-    expect_exit0(status, "system() of stress_probe");
-}
-
-int probe(const char* want) {
-    bool expect = strcmp(want, "tracked") == 0;
-    void* p = malloc(13);
-    STRESS_CHECK(p != nullptr, "malloc(13) failed");
-    bool tracked = stress_is_tracked(p, 13);
-    free(p);
-    STRESS_CHECK(tracked == expect, "stress_fork: expected %s", want);
-    return 0;
+    expect_exit0(system(command), "system() of stress_probe");
 }
 
 int fork_loop(int iterations) {
@@ -273,7 +245,6 @@ int fork_loop(int iterations) {
 
 int main(int argc, char** argv) {
     find_programs();
-    if (argc == 3 && strcmp(argv[1], "probe") == 0) return probe(argv[2]);
     if (argc == 3 && strcmp(argv[1], "fork") == 0) return fork_loop(atoi(argv[2]));
-    stress_fail("usage: stress_fork fork N | probe tracked|untracked");
+    stress_fail("usage: stress_fork fork N");
 }

@@ -6,7 +6,8 @@
 //                          control threads meanwhile start, stop, dump and
 //                          clear traces, write top reports and clear the
 //                          counters. Then the top reports must account for
-//                          exactly what the program holds.
+//                          exactly what the program holds. (Per-site counts
+//                          are the unit and reports tests' part.)
 //
 // Expects TARVEX_TARGET_PROC_NAME=stress_threads, TARVEX_TOP and
 // TARVEX_LOG_FILE_NAME. Prints "threads: ok" and exits 0 when every check
@@ -162,13 +163,6 @@ void* control(void* arg) {
     return nullptr;
 }
 
-// The two tables of a top report, from the count header to the closing line.
-const char* tables(const char* report) {
-    const char* t = strstr(report, "----------top by count----------\n");
-    STRESS_CHECK(t != nullptr, "top report without tables:\n%s", report);
-    return t;
-}
-
 int run(long ops) {
     const char* log = getenv("TARVEX_LOG_FILE_NAME");
     STRESS_CHECK(log != nullptr, "TARVEX_LOG_FILE_NAME is not set");
@@ -204,37 +198,6 @@ int run(long ops) {
     for (std::atomic<char*>& slot : g_slots) free(slot.exchange(nullptr));
     long long released = stress_report_total(log);
     STRESS_CHECK(released == baseline, "after releasing everything live bytes are %lld, not %lld", released, baseline);
-
-    // Counters cleared at a known point count only what follows.
-    trvx_clear_alloc_stats();
-    void* blocks[100];
-    for (void*& b : blocks) b = malloc(777);
-    const char* report = stress_report(log, 3);
-    STRESS_CHECK(report != nullptr, "no top report");
-    const char* t = tables(report);
-    unsigned uid;
-    STRESS_CHECK(sscanf(t, "----------top by count----------\nuid: %8x,", &uid) == 1, "no count row:\n%s", t);
-    char expect[512];
-    snprintf(expect, sizeof expect,
-             "----------top by count----------\n"
-             "uid: %08x, count: 100, size: 77700\n"
-             "uid: 00000000, count: 0, size: 0\n"
-             "----------top by size----------\n"
-             "uid: %08x, size: 77700, count: 100\n"
-             "uid: 00000000, size: 0, count: 0\n"
-             "-------------------------------\n",
-             uid, uid);
-    STRESS_CHECK(strcmp(t, expect) == 0, "after a clear, tables are\n%s\nnot\n%s", t, expect);
-    for (void* b : blocks) free(b);
-    report = stress_report(log, 3);
-    STRESS_CHECK(report != nullptr, "no top report");
-    static const char empty[] =
-        "----------top by count----------\n"
-        "uid: 00000000, count: 0, size: 0\n"
-        "----------top by size----------\n"
-        "uid: 00000000, size: 0, count: 0\n"
-        "-------------------------------\n";
-    STRESS_CHECK(strcmp(tables(report), empty) == 0, "after releasing, tables are\n%s", tables(report));
 
     pthread_barrier_wait(&g_release);
     for (pthread_t t : threads) pthread_join(t, nullptr);

@@ -56,41 +56,27 @@ const T& report_at(const parsed_log& log, std::size_t i) {
     return report ? *report : none;
 }
 
-TEST(LogParser, TraceDump) {
-    parsed_log log = parse(k_trace);
-    ASSERT_EQ(log.reports.size(), 1u);
-    const auto& dump = report_at<trace_dump>(log, 0);
+TEST(LogParser, ReportsBetweenProgramOutput) {
+    std::string text = std::string("starting\n") + k_top + "round 1 done\n" + k_trace +
+                       "uid: 12345678, count: 1, size: 1\n" + k_top + "bye\n";
+    parsed_log log = parse(text);
+    ASSERT_EQ(log.reports.size(), 3u);
+    const auto& top = report_at<top_report>(log, 0);
+    EXPECT_FALSE(top.truncated);
+    EXPECT_EQ(top.at.line, 3u);
+    EXPECT_EQ(top.usage_bytes, 1300u);
+    EXPECT_EQ(top.by_count.size(), 2u);
+    EXPECT_EQ(top.by_size.size(), 2u);
+    EXPECT_EQ(top.stacks.at(0xa01).at(0).kind, frame_line::form::address_only);
+    const auto& dump = report_at<trace_dump>(log, 1);
     EXPECT_FALSE(dump.truncated);
-    EXPECT_EQ(dump.at.line, 2u);
     ASSERT_EQ(dump.stacks.size(), 2u);
     ASSERT_EQ(dump.stacks.at(0xa).size(), 2u);
     EXPECT_EQ(dump.stacks.at(0xa)[1].symbol, "main");
     EXPECT_TRUE(dump.stacks.at(0xb).empty());
     ASSERT_EQ(dump.records.size(), 2u);
     EXPECT_EQ(dump.records[1].free_uid, 0xbu);
-    EXPECT_EQ(log.other_lines, 0u);
-}
-
-TEST(LogParser, TopReport) {
-    parsed_log log = parse(k_top);
-    ASSERT_EQ(log.reports.size(), 1u);
-    const auto& top = report_at<top_report>(log, 0);
-    EXPECT_FALSE(top.truncated);
-    EXPECT_EQ(top.usage_bytes, 1300u);
-    EXPECT_EQ(top.by_count.size(), 2u);
-    EXPECT_EQ(top.by_size.size(), 2u);
-    EXPECT_EQ(top.stacks.at(0xa01).at(0).kind, frame_line::form::address_only);
-}
-
-TEST(LogParser, ReportsBetweenProgramOutput) {
-    std::string text = std::string("starting\n") + k_top + "round 1 done\n" + k_trace +
-                       "uid: 12345678, count: 1, size: 1\n" + k_top + "bye\n";
-    parsed_log log = parse(text);
-    ASSERT_EQ(log.reports.size(), 3u);
-    report_at<top_report>(log, 0);
-    EXPECT_FALSE(report_at<trace_dump>(log, 1).truncated);
     EXPECT_FALSE(report_at<top_report>(log, 2).truncated);
-    EXPECT_EQ(report_at<top_report>(log, 0).at.line, 3u);
     EXPECT_EQ(report_at<top_report>(log, 2).at.line, 33u);
     EXPECT_EQ(log.other_lines, 4u);
 }
@@ -150,53 +136,39 @@ TEST(LogParser, EmptyTraceDumpAndWindowsLineEndings) {
     EXPECT_FALSE(dump.truncated);
 }
 
-TEST(LogParser, DoubleFreeWithStacksAndAssertion) {
-    std::string text = std::string(k_double_free) +
-                       "prog: lib/trvx_hook:113: void free(void*): Assertion `0' failed.\n";
-    parsed_log log = parse(text);
-    ASSERT_EQ(log.reports.size(), 1u);
+TEST(LogParser, FaultReports) {
+    const std::string assertion = "prog: lib/trvx_hook:113: void free(void*): Assertion `0' failed.\n";
+    const std::string cut = std::string(k_double_free).substr(0, std::string(k_double_free).find("free call stack:"));
+    const struct {
+        std::string text;
+        fault_report::kind what;
+        bool has_block, truncated, has_assertion;
+        std::size_t alloc_frames, free_frames;
+    } rows[] = {
+        {k_double_free + assertion, fault_report::kind::double_free, true, false, true, 3, 2},
+        {"Failed to find block info for 0x0x1234\n" + assertion, fault_report::kind::unknown_pointer, false, false,
+         true, 0, 0},
+        {"*** Failed to verify the footer ***\nblock: 0x0x10, len: 16\nmagic1: 0xcafeba41, magic2: 0xcafebabe\n"
+         "alloc call stack:\nfree call stack:\n",
+         fault_report::kind::bad_footer, true, false, false, 0, 0},
+        {cut, fault_report::kind::double_free, true, true, false, 3, 0},
+    };
+    for (const auto& r : rows) {
+        parsed_log log = parse(r.text);
+        ASSERT_EQ(log.reports.size(), 1u) << r.text;
+        const auto& fault = report_at<fault_report>(log, 0);
+        EXPECT_EQ(fault.what, r.what) << r.text;
+        EXPECT_EQ(fault.has_block, r.has_block) << r.text;
+        EXPECT_EQ(fault.truncated, r.truncated) << r.text;
+        EXPECT_EQ(fault.assertion.empty(), !r.has_assertion) << r.text;
+        EXPECT_EQ(fault.alloc_stack.size(), r.alloc_frames) << r.text;
+        EXPECT_EQ(fault.free_stack.size(), r.free_frames) << r.text;
+        EXPECT_EQ(log.other_lines, 0u) << r.text;
+    }
+    parsed_log log = parse(k_double_free);
     const auto& fault = report_at<fault_report>(log, 0);
-    EXPECT_EQ(fault.what, fault_report::kind::double_free);
     EXPECT_EQ(fault.pointer, "0x0x55d0c2a4b2a0");
-    EXPECT_TRUE(fault.has_block);
     EXPECT_EQ(fault.block, "block: 0x0x55d0c2a4b2a0, len: 24");
-    EXPECT_EQ(fault.alloc_stack.size(), 3u);
-    EXPECT_EQ(fault.free_stack.size(), 2u);
-    EXPECT_FALSE(fault.truncated);
-    EXPECT_NE(fault.assertion.find("Assertion"), std::string::npos);
-    EXPECT_EQ(log.other_lines, 0u);
-}
-
-TEST(LogParser, UnknownPointerHasNoBlock) {
-    parsed_log log = parse("Failed to find block info for 0x0x1234\n"
-                           "prog: lib/trvx_hook:113: void free(void*): Assertion `0' failed.\n");
-    ASSERT_EQ(log.reports.size(), 1u);
-    const auto& fault = report_at<fault_report>(log, 0);
-    EXPECT_EQ(fault.what, fault_report::kind::unknown_pointer);
-    EXPECT_FALSE(fault.has_block);
-    EXPECT_FALSE(fault.truncated);
-    EXPECT_FALSE(fault.assertion.empty());
-}
-
-TEST(LogParser, OverwrittenFooterWithEmptyStacks) {
-    parsed_log log = parse("*** Failed to verify the footer ***\nblock: 0x0x10, len: 16\n"
-                           "magic1: 0xcafeba41, magic2: 0xcafebabe\nalloc call stack:\n"
-                           "free call stack:\n");
-    ASSERT_EQ(log.reports.size(), 1u);
-    const auto& fault = report_at<fault_report>(log, 0);
-    EXPECT_EQ(fault.what, fault_report::kind::bad_footer);
-    EXPECT_TRUE(fault.alloc_stack.empty());
-    EXPECT_TRUE(fault.free_stack.empty());
-    EXPECT_FALSE(fault.truncated);
-}
-
-TEST(LogParser, BlockReportCutBeforeTheFreeStack) {
-    std::string text = k_double_free;
-    text = text.substr(0, text.find("free call stack:"));
-    parsed_log log = parse(text);
-    const auto& fault = report_at<fault_report>(log, 0);
-    EXPECT_TRUE(fault.truncated);
-    EXPECT_EQ(fault.alloc_stack.size(), 3u);
 }
 
 TEST(LogParser, AssertionWithoutFaultIsOtherOutput) {

@@ -1,9 +1,8 @@
-// Small helpers of the report tool: escaping, demangling, byte counts and
-// the command line.
+// Small helpers of the report tool: escaping, byte counts and the command
+// line's mistakes.
 #include <gtest/gtest.h>
 
 #include "cli_options.h"
-#include "demangle.h"
 #include "markup.h"
 #include "presentation.h"
 
@@ -20,14 +19,6 @@ TEST(Markup, JsonStringsCannotCloseTheScript) {
     EXPECT_EQ(json_string("a\"b\\c\n\x01"), "\"a\\\"b\\\\c\\u000a\\u0001\"");
     EXPECT_EQ(json_string("operator<<(std::ostream&)"),
               "\"operator\\u003c\\u003c(std::ostream\\u0026)\"");
-}
-
-TEST(Demangle, CxxNamesOnly) {
-    EXPECT_EQ(demangle("_Znwm"), "operator new(unsigned long)");
-    EXPECT_EQ(demangle("_ZN6sample10keep_blockEm"), "sample::keep_block(unsigned long)");
-    EXPECT_EQ(demangle("malloc"), "malloc");
-    EXPECT_EQ(demangle("_Zbroken"), "_Zbroken");
-    EXPECT_EQ(demangle(""), "");
 }
 
 TEST(Presentation, Bytes) {
@@ -55,22 +46,6 @@ TEST(Presentation, SiteLabelSkipsAllocatorFrames) {
 bool parses(std::initializer_list<const char*> args, cli_options& options, std::string& error) {
     options = cli_options{};
     return parse_cli(std::vector<std::string>(args.begin(), args.end()), options, error);
-}
-
-TEST(CommandLine, OptionsAndFiles) {
-    cli_options o;
-    std::string error;
-    ASSERT_TRUE(parses({"--html", "out.html", "-d", "/a", "--search-dir=/b", "x.log", "-"}, o,
-                       error));
-    EXPECT_EQ(o.html, "out.html");
-    EXPECT_EQ(o.search_dirs, (std::vector<std::string>{"/a", "/b"}));
-    EXPECT_EQ(o.inputs, (std::vector<std::string>{"x.log", "-"}));
-    ASSERT_TRUE(parses({"--html=o.html", "--", "--odd-name.log"}, o, error));
-    EXPECT_EQ(o.inputs, (std::vector<std::string>{"--odd-name.log"}));
-    ASSERT_TRUE(parses({"--help"}, o, error));
-    EXPECT_TRUE(o.help);
-    ASSERT_TRUE(parses({"--version"}, o, error));
-    EXPECT_TRUE(o.version);
 }
 
 TEST(CommandLine, Mistakes) {

@@ -16,7 +16,6 @@ endif()
 add_executable(tarvex_tools_tests
   ${tools_tests}/frame_line_test.cpp
   ${tools_tests}/log_parser_test.cpp
-  ${tools_tests}/report_lines_test.cpp
   ${tools_tests}/symboliser_test.cpp
   ${tools_tests}/text_helpers_test.cpp
   ${tools_tests}/top_history_test.cpp

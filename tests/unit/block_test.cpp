@@ -95,13 +95,6 @@ TEST(BlockFooter, VerifyTestsOnlyTheMagicsAndAlwaysWritesTheUids) {
         }
 }
 
-TEST(BlockFooter, OneBytePastTheUserDataIsTheFirstMagicByte) {
-    block_in_buffer b(0, 16);
-    b.bi.create_footer();
-    static_cast<unsigned char*>(b.bi.m_addr)[16] = 0x41;
-    EXPECT_FALSE(b.bi.verify_footer());
-}
-
 class BlockReport : public unit::seams {};
 
 TEST_F(BlockReport, ShowsTheMagicsAndBothStacks) {

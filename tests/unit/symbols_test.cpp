@@ -75,12 +75,6 @@ TEST(Demangler, TranslatesTheLeadingNestedName) {
     for (const auto& r : rows) EXPECT_EQ(trvx_backtrace::my_demangle(r.first), r.second) << r.first;
 }
 
-TEST(Demangler, TakesItsArgumentByValue) {
-    std::string name = "_ZN6widget4drawEv";
-    EXPECT_EQ(trvx_backtrace::my_demangle(name), "widget::draw");
-    EXPECT_EQ(name, "_ZN6widget4drawEv");
-}
-
 TEST(Demangler, SurvivesLengthsTooLargeForAnInt) {
     for (const std::string& name :
          std::vector<std::string>{"_ZN2147483647ab", "_ZN2147483648ab", "_ZN4294967297abcdef", "_ZN99999999999x",
@@ -88,13 +82,6 @@ TEST(Demangler, SurvivesLengthsTooLargeForAnInt) {
         std::string result = trvx_backtrace::my_demangle(name);
         EXPECT_LE(result.size(), name.size()) << name;
     }
-}
-
-TEST(Demangler, BacktraceSymbolsMemberLeavesTheVectorAlone) {
-    std::vector<std::string> out = {"a", "b"};
-    trvx_backtrace t;
-    t.backtrace_symbols(out, nullptr, 5);  // the array is not read
-    EXPECT_EQ(out, (std::vector<std::string>{"a", "b"}));
 }
 
 }  // namespace

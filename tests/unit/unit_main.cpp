@@ -12,23 +12,12 @@
 
 namespace unit {
 namespace {
-bool g_plain;
 std::string g_log_path;
 std::string g_clear_path;
 std::mutex g_symbolized_mutex;
 std::vector<void*> g_symbolized;
 
 void configure_environment() {
-    const char* mode = getenv("TARVEX_UNIT_ENV");
-    g_plain = mode != nullptr && strcmp(mode, "plain") == 0;
-    if (g_plain) {
-        unsetenv("TARVEX_TOP");
-        unsetenv("TARVEX_LOG_FILE_NAME");
-        unsetenv("TARVEX_CLEAR_STATS_FILE_NAME");
-        unsetenv("TARVEX_TARGET_PROC_NAME");
-        setenv("TARVEX_NOBACKTRACE", "", 1);
-        return;
-    }
     const char* tmp = getenv("TMPDIR");
     std::string base = std::string(tmp && *tmp ? tmp : "/tmp") + "/tarvex-unit-" + std::to_string(getpid());
     g_log_path = base + ".log";
@@ -41,7 +30,6 @@ void configure_environment() {
 }
 }  // namespace
 
-bool plain_env() { return g_plain; }
 const std::string& log_path() { return g_log_path; }
 const std::string& clear_path() { return g_clear_path; }
 
@@ -55,8 +43,6 @@ std::string read_file(const std::string& path) {
 void remove_file(const std::string& path) {
     if (!path.empty()) unlink(path.c_str());
 }
-
-void touch_file(const std::string& path) { std::ofstream(path).put('x'); }
 
 tarvex::block_info make_block(void* addr, size_t size, uint32_t alloc_uid, uint32_t free_uid) {
     tarvex::block_info bi;

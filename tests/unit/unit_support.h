@@ -18,17 +18,13 @@
 
 namespace unit {
 
-// True when the process runs with TARVEX_UNIT_ENV=plain: no counting, no log
-// file, no clear-stats file, no target name, call stacks switched off.
-// Otherwise main sets TARVEX_TOP="", a log file and a clear-stats path of
-// this process and TARVEX_TARGET_PROC_NAME=tarvex_unit_tests.
-bool plain_env();
+// main sets TARVEX_TOP="", a log file and a clear-stats path of this process
+// and TARVEX_TARGET_PROC_NAME=tarvex_unit_tests.
 const std::string& log_path();
 const std::string& clear_path();
 
 std::string read_file(const std::string& path);  // "" when missing
 void remove_file(const std::string& path);
-void touch_file(const std::string& path);
 
 // Fake block addresses: the store never touches block memory.
 inline void* fake_addr(uintptr_t n) { return reinterpret_cast<void*>(0x10000000u + n * 16); }

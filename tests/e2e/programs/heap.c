@@ -106,6 +106,9 @@ static void scenario_aligned(void) {
     rc = posix_memalign(&untouched, 64, v_huge);
     emit(OUT_FD, "posix_memalign(64,SIZE_MAX): rc=%s memptr untouched=%d\n", errno_name(rc),
          untouched == (void*)0x1234);
+    void* m = memalign(24, 10);
+    emit(OUT_FD, "memalign(24,10): aligned to 32=%d\n", (uintptr_t)m % 32 == 0);
+    free(m);
     errno = 0;
     void* a = aligned_alloc(3, 16);
     emit(OUT_FD, "aligned_alloc(3,16): %s errno=%s\n", a ? "block" : "null", errno_name(errno));
@@ -124,7 +127,8 @@ static void scenario_enomem(void) {
         int how;
     } cases[] = {
         {"malloc(SIZE_MAX)", 1, SIZE_MAX, 0},
-        {"malloc(SIZE_MAX-279)", 1, SIZE_MAX - 279, 0},
+        {"malloc(SIZE_MAX-279)", 1, SIZE_MAX - 279, 0}, /* the footer does not fit */
+        {"malloc(SIZE_MAX-280)", 1, SIZE_MAX - 280, 0}, /* the footer fits, the memory does not */
         {"calloc(2^63,2)", (SIZE_MAX >> 1) + 1, 2, 1},
         {"calloc(1,SIZE_MAX-279)", 1, SIZE_MAX - 279, 1},
         {"valloc(SIZE_MAX)", 1, SIZE_MAX, 2},
@@ -151,6 +155,10 @@ static void scenario_enomem(void) {
     void* q = realloc(launder(p), v_huge);
     emit(OUT_FD, "realloc(p,SIZE_MAX): %s errno=%s old kept=%d usable=%zu\n", q ? "block" : "null", errno_name(errno),
          memcmp(p, "keepthis", 8) == 0, malloc_usable_size(p));
+    errno = 0;
+    q = reallocarray(launder(p), (SIZE_MAX >> 1) + 1 + (v_huge - SIZE_MAX), 2);
+    emit(OUT_FD, "reallocarray(p,2^63,2): %s errno=%s old kept=%d\n", q ? "block" : "null", errno_name(errno),
+         memcmp(p, "keepthis", 8) == 0 && has_footer(p, 8));
     free(p);
 }
 
@@ -238,7 +246,7 @@ static void scenario_realloc(void) {
     void* u = realloc(launder(r), 0);
     footer_view rel = read_footer(r, 2);
     emit(OUT_FD, "realloc(p,0): %s, released bytes 0xdd=%zu, free uid=%s\n", u ? "block" : "null",
-         count_bytes(r, 2, 0xDD), uid_vs_frames(rel.free_uid, &rel));
+         count_bytes(r, 2, 0xDD), uid_state(rel.free_uid));
 
     memcpy(s, "0123456789abcdefghijklmnopqrstuv", 32);
     unsigned char* v = launder(reallocarray(launder(s), 4, 5));
@@ -305,8 +313,10 @@ static void scenario_quarantine_thread(void) { quarantine_released_here_or_on_th
 /* ------------------------------------------------------------ no false alarm */
 
 static void scenario_zero(void) {
-    void* p[10];
+    void* p[11];
     int n = 0;
+    p[n++] = launder(reallocarray(launder(NULL), 0, 8)); /* a block, as the C library gives */
+    int reallocarray_block = p[0] != NULL;
     p[n++] = launder(malloc(0));
     p[n++] = launder(calloc(0, 5));
     p[n++] = launder(calloc(5, 0));
@@ -319,7 +329,8 @@ static void scenario_zero(void) {
     for (int i = 0; i < n; ++i) free(p[i]);
     void* z = realloc(launder(malloc(0)), 0);
     free(z);
-    emit(OUT_FD, "released quietly: %d blocks, posix_memalign rc=%d\n", n + 1, rc);
+    emit(OUT_FD, "released quietly: %d blocks, posix_memalign rc=%d, reallocarray(NULL,0,8) block=%d\n", n + 1, rc,
+         reallocarray_block);
 }
 
 static void scenario_untracked_realloc(void) {
@@ -398,6 +409,17 @@ static void fault_double(int use_realloc) {
     side_value("ptr", "%p", (void*)p);
     side_stack("alloc", p, 24);
     release(use_realloc, p);
+    side_stack("free", launder(p), 24);
+    release(use_realloc, p);
+}
+
+/* realloc(p, 0) releases p: a second release is a double free whose free
+ * stack is the realloc's. */
+static void fault_realloc0(int use_realloc) {
+    unsigned char* p = launder(malloc(24));
+    side_value("ptr", "%p", (void*)p);
+    side_stack("alloc", p, 24);
+    if (realloc(launder(p), 0) != NULL) emit(OUT_FD, "realloc(p,0) gave a block\n");
     side_stack("free", launder(p), 24);
     release(use_realloc, p);
 }
@@ -509,7 +531,7 @@ static const struct {
 };
 
 /* heap <scenario> | heap threads <faulting threads> |
- * heap fault <overflow|double|after_quarantine|after_quarantine_thread|interior|stack> <free|realloc>
+ * heap fault <overflow|double|realloc0|after_quarantine|after_quarantine_thread|interior|stack> <free|realloc>
  *            [malloc|calloc|valloc|aligned] */
 int main(int argc, char** argv) {
     const char* s = argc > 1 ? argv[1] : "";
@@ -531,6 +553,8 @@ int main(int argc, char** argv) {
             fault_overflow(argc > 4 ? argv[4] : "malloc", use_realloc);
         else if (strcmp(what, "double") == 0)
             fault_double(use_realloc);
+        else if (strcmp(what, "realloc0") == 0)
+            fault_realloc0(use_realloc);
         else if (strcmp(what, "after_quarantine") == 0)
             fault_after_quarantine(use_realloc);
         else if (strcmp(what, "after_quarantine_thread") == 0)

@@ -9,8 +9,6 @@
 #include <stdlib.h>
 #include <tarvex.h>
 
-#include "probe.h"
-
 extern void* g_ctx __attribute__((weak));
 static int ctx_state; /* 0: not run, 1: no context yet, 2: a context existed */
 
@@ -24,17 +22,10 @@ static void early(int argc, char** argv, char** envp) {
 
 __attribute__((section(".preinit_array"), used)) static void (*early_entry)(int, char**, char**) = early;
 
-int main(int argc, char** argv) {
-    if (argc != 2) return 2;
+int main(void) {
     void* p = malloc(24);
-    struct stack_copy s;
-    copy_stack(&s, (uintptr_t)p, 24, 0);
     trvx_trace_stop();
     trvx_trace_dump();
-    FILE* side = fopen(argv[1], "w");
-    if (side == NULL) return 3;
-    write_stack(side, "op 0", &s);
-    fclose(side);
     fprintf(stderr, "context at the first call: %s\n",
             ctx_state == 1 ? "none" : ctx_state == 2 ? "present" : "not run");
     free(p);

@@ -1,12 +1,8 @@
-/* Control functions under concurrency and from signal handlers. Reports go
+/* Control functions under concurrency and from a signal handler. Reports go
  * to the log file; the test checks that each one is whole.
  *
- *   reports_stress threads ROUNDS   4 threads ask for top reports and trace
- *                                   dumps ROUNDS times while 4 others allocate
  *   reports_stress pair ROUNDS      a trace dump and a top report requested
  *                                   at nearly the same moment, ROUNDS times
- *   reports_stress signal_loop N    a timer's handler asks for top reports while
- *                                   main allocates, until N signals came
  *   reports_stress signal_inside R  the handler interrupts a trace dump of R
  *                                   records blocked on a full FIFO (the log
  *                                   file); the FIFO's content goes to stdout */
@@ -15,64 +11,22 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <tarvex.h>
 #include <unistd.h>
-
-static void* alloc_at(unsigned depth, size_t size) {
-    if (depth > 0) return alloc_at(depth - 1, size);
-    return malloc(size);
-}
 
 /* A trace of pairs * 2 records (malloc and free of the same block). */
 static void record_trace(int pairs) {
     trvx_trace_start();
-    for (int i = 0; i < pairs; ++i) free(alloc_at((unsigned)(i % 4), 8 + (size_t)(i % 3)));
+    for (int i = 0; i < pairs; ++i) free(malloc(8 + (size_t)(i % 3)));
     trvx_trace_stop();
 }
 
-/* ---------------------------------------------------------------- threads */
-
 static int rounds;
-static volatile int reporters_left;
-
-static void* reporter(void* arg) {
-    (void)arg;
-    for (int i = 0; i < rounds; ++i) {
-        trvx_dump_alloc_stats(5);
-        trvx_trace_dump();
-    }
-    __atomic_sub_fetch(&reporters_left, 1, __ATOMIC_SEQ_CST);
-    return NULL;
-}
-
-static void* allocator(void* arg) {
-    unsigned depth = (unsigned)(uintptr_t)arg;
-    void* ring[32] = {0};
-    for (unsigned i = 0; __atomic_load_n(&reporters_left, __ATOMIC_SEQ_CST) > 0; ++i) {
-        free(ring[i % 32]);
-        ring[i % 32] = alloc_at(depth + i % 3, 16 + i % 200);
-    }
-    for (int i = 0; i < 32; ++i) free(ring[i]);
-    return NULL;
-}
-
-static int run_threads(void) {
-    enum { REPORTERS = 4, ALLOCATORS = 4 };
-    pthread_t t[REPORTERS + ALLOCATORS];
-    record_trace(20);
-    reporters_left = REPORTERS;
-    for (int i = 0; i < ALLOCATORS; ++i) pthread_create(&t[i], NULL, allocator, (void*)(uintptr_t)(i * 3));
-    for (int i = 0; i < REPORTERS; ++i) pthread_create(&t[ALLOCATORS + i], NULL, reporter, NULL);
-    for (int i = 0; i < REPORTERS + ALLOCATORS; ++i) pthread_join(t[i], NULL);
-    return 0;
-}
 
 /* ---------------------------------------------------------------- pair */
 
@@ -82,12 +36,12 @@ static void* pair_side(void* arg) {
     int dumps = arg != NULL;
     for (int i = 0; i < rounds; ++i) {
         pthread_barrier_wait(&barrier);
-        /* The dump starts a little later each round, so that some rounds
-         * find the top report in the middle of its output. */
+        /* The top report starts a little later each round, so that some
+         * rounds find the dump in the middle of its output. */
         if (dumps) {
-            usleep((useconds_t)(i % 8) * 150);
             trvx_trace_dump();
         } else {
+            usleep((useconds_t)(i % 8) * 100);
             trvx_dump_alloc_stats(20);
         }
     }
@@ -96,7 +50,7 @@ static void* pair_side(void* arg) {
 
 static int run_pair(void) {
     void* keep[16];
-    for (unsigned i = 0; i < 16; ++i) keep[i] = alloc_at(i, 100 + i);
+    for (unsigned i = 0; i < 16; ++i) keep[i] = malloc(100 + i);
     record_trace(1500);
     pthread_barrier_init(&barrier, NULL, 2);
     pthread_t a, b;
@@ -110,36 +64,6 @@ static int run_pair(void) {
 
 /* ---------------------------------------------------------------- signals */
 
-static volatile sig_atomic_t signals;
-
-static void on_alarm(int sig) {
-    (void)sig;
-    int saved = errno;
-    signals++;
-    trvx_dump_alloc_stats(3);
-    errno = saved;
-}
-
-static int run_signal_loop(int wanted) {
-    struct sigaction sa;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = on_alarm;
-    sa.sa_flags = SA_RESTART;
-    sigaction(SIGALRM, &sa, NULL);
-    raise(SIGALRM); /* main is outside tarvex here: this one writes a report */
-    struct itimerval every = {{0, 500}, {0, 500}};
-    setitimer(ITIMER_REAL, &every, NULL);
-    for (unsigned i = 0; signals < wanted; ++i) {
-        char* p = alloc_at(i % 4, 16 + i % 100);
-        memset(p, (int)i, 16);
-        free(p);
-    }
-    struct itimerval off = {{0, 0}, {0, 0}};
-    setitimer(ITIMER_REAL, &off, NULL);
-    fprintf(stderr, "signals %d\n", (int)signals);
-    return 0;
-}
-
 static volatile sig_atomic_t handled;
 static pthread_t main_thread;
 static const char* fifo_path;
@@ -150,8 +74,8 @@ static int reader_gave_up;
 static void on_usr1(int sig) {
     (void)sig;
     int saved = errno;
-    /* The interrupted thread is inside a trace dump: each call must return
-     * at once without doing anything (the dump holds the store's mutex). */
+    /* The interrupted thread is inside a trace dump, so inside tarvex: each
+     * call must return at once without doing anything. */
     trvx_dump_alloc_stats(3);
     trvx_trace_clear();
     trvx_trace_dump();
@@ -212,9 +136,7 @@ int main(int argc, char** argv) {
     if (argc != 3) return 2;
     int n = atoi(argv[2]);
     rounds = n;
-    if (strcmp(argv[1], "threads") == 0) return run_threads();
     if (strcmp(argv[1], "pair") == 0) return run_pair();
-    if (strcmp(argv[1], "signal_loop") == 0) return run_signal_loop(n);
     if (strcmp(argv[1], "signal_inside") == 0) return run_signal_inside(n);
     return 2;
 }

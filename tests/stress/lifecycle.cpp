@@ -1,5 +1,8 @@
 // Signals, the end of the process and libraries loaded at run time.
 //
+//   stress_lifecycle signal            control functions from signal handlers
+//                                      that interrupt threads inside the
+//                                      library; prints "signal: ok"
 //   stress_lifecycle usable            malloc_usable_size from signal handlers
 //                                      that interrupt tracked work; prints
 //                                      "usable: ok"
@@ -23,6 +26,7 @@
 #include <pthread.h>
 #include <malloc.h>
 #include <signal.h>
+#include <time.h>
 
 #include <atomic>
 #include <map>
@@ -35,6 +39,7 @@ namespace {
 // ---------------------------------------------------------------- signals
 
 std::atomic<bool> g_stop{false};
+volatile sig_atomic_t g_handled;
 
 void* g_live[64];
 volatile size_t g_usable_sum;
@@ -45,6 +50,74 @@ void install_handler(int sig, void (*handler)(int)) {
     sa.sa_flags = SA_RESTART;
     sigemptyset(&sa.sa_mask);
     sigaction(sig, &sa, nullptr);
+}
+
+// Runs one control function per signal, in turn, or asks the size of live
+// blocks. The interrupted thread may be anywhere in the library, holding its
+// guard or a lock.
+void on_signal(int) {
+    int saved = errno;
+    switch (g_handled % 7) {
+        case 0: trvx_dump_alloc_stats(3); break;
+        case 1: trvx_trace_start(); break;
+        case 2: trvx_trace_dump(); break;
+        case 3: trvx_trace_stop(); break;
+        case 4: trvx_trace_clear(); break;
+        case 5:
+            for (void* p : g_live) g_usable_sum = g_usable_sum + malloc_usable_size(p);
+            break;
+        default: trvx_clear_alloc_stats(); break;
+    }
+    g_handled = g_handled + 1;
+    errno = saved;
+}
+
+// Spends its time inside the library: tracked allocations, resizes and
+// releases, and now and then a trace dump or a top report of its own.
+void* busy_thread(void*) {
+    void* slots[32] = {};
+    unsigned k = 0;
+    while (!g_stop.load(std::memory_order_relaxed)) {
+        void*& slot = slots[k % 32];
+        if (slot == nullptr)
+            slot = malloc(16 + k % 300);
+        else if (k % 3 == 0)
+            slot = realloc(slot, 16 + k % 500);
+        else {
+            free(slot);
+            slot = nullptr;
+        }
+        if (k % 512 == 0) trvx_trace_dump();
+        if (k % 512 == 256) trvx_dump_alloc_stats(2);
+        ++k;
+    }
+    for (void* p : slots) free(p);
+    return nullptr;
+}
+
+int signals() {
+    install_handler(SIGUSR1, on_signal);
+    for (size_t i = 0; i < 64; ++i) g_live[i] = malloc(16 + i);
+    pthread_t threads[2];
+    for (pthread_t& t : threads) pthread_create(&t, nullptr, busy_thread, nullptr);
+    // Pending signals merge, so a loaded machine handles fewer of them:
+    // signalling goes on until enough were handled (or 20 s have passed).
+    const time_t give_up = time(nullptr) + 20;
+    for (int i = 0; i < 3000 || (g_handled <= 100 && time(nullptr) < give_up); ++i) {
+        pthread_kill(threads[i % 2], SIGUSR1);
+        if (i % 8 == 0) usleep(100);
+    }
+    usleep(10000);
+    g_stop = true;
+    for (pthread_t t : threads) pthread_join(t, nullptr);
+    for (void* p : g_live) free(p);
+    // Every guard slot was given back: this thread's blocks are tracked.
+    void* p = malloc(10);
+    STRESS_CHECK(stress_is_tracked(p, 10), "malloc(10) is not tracked after the signals");
+    free(p);
+    STRESS_CHECK(g_handled > 100, "only %d signals were handled", static_cast<int>(g_handled));
+    puts("signal: ok");
+    return 0;
 }
 
 // malloc_usable_size from a handler that interrupts a thread that keeps
@@ -260,6 +333,7 @@ int dlopen_scenario(const char* flags_name) {
 int main(int argc, char** argv) {
     STRESS_CHECK(argc >= 2, "usage: stress_lifecycle MODE");
     const char* mode = argv[1];
+    if (strcmp(mode, "signal") == 0) return signals();
     if (strcmp(mode, "usable") == 0) return usable_sizes();
     if (strcmp(mode, "fork-signal") == 0) return fork_signals();
     if (strcmp(mode, "exit") == 0) return exit_scenario(false);

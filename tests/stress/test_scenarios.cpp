@@ -37,9 +37,10 @@ const scenario k_scenarios[] = {
     // waits for it instead of spinning; a waiter that never slept would keep
     // the holder off the core, and the run would not end in time.
     {"realtime", {"stress_realtime", "2000"}, "realtime: ok\n", "stress_realtime", false, 60, 0, 0, false},
-    // malloc_usable_size from signal handlers that interrupt tracked work:
-    // the handler never waits for its own thread. (Control functions from a
-    // handler inside the library are the reports tests' part.)
+    // Control functions from signal handlers that interrupt threads inside
+    // the library (tracked work, a trace dump, a top report): no deadlock,
+    // and the guard is intact afterwards.
+    {"signal", {"stress_lifecycle", "signal"}, "signal: ok\n", "stress_lifecycle", true, 120, 0, 0, false},
     {"usable", {"stress_lifecycle", "usable"}, "usable: ok\n", "stress_lifecycle", true, 120, 0, 0, false},
     // The same from handlers that run on a thread inside fork, while the
     // library holds its locks for the fork.

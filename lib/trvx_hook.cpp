@@ -23,7 +23,6 @@
 #include "trvx_unwind.h"
 #include "trvx_util.h"
 
-
 using tarvex::block_info;
 using tarvex::k_footer_size;
 using tarvex::mem_stats;

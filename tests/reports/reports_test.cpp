@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "child.h"
+#include "expected.h"
 
 namespace {
 
@@ -47,13 +48,7 @@ std::string top_report(unsigned count, unsigned size) {
            "uid: 00000000, size: 0, count: 0\n-------------------------------\n";
 }
 
-const std::string k_empty_top = k_uid0 +
-                                "\nMem usage: 0B (0 bytes) (alloc/sec: 0)\n"
-                                "----------top by count----------\n"
-                                "uid: 00000000, count: 0, size: 0\n"
-                                "----------top by size----------\n"
-                                "uid: 00000000, size: 0, count: 0\n"
-                                "-------------------------------\n";
+const std::string& k_empty_top = expected::k_empty_top_report;
 
 // The usage lines of a log replaced by "USAGE"; their live bytes and rates
 // in order. (The short form of a byte count is checked by the unit tests.)

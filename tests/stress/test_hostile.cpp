@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "expected.h"
 #include "stress.h"
 
 using namespace stress;
@@ -14,15 +15,7 @@ const std::string k_prog = "stress_hostile";
 options target_options(const temp_dir& dir) { return scenario_options(tracked_env(k_prog, dir / "log", true), 60); }
 
 const std::string k_empty_trace = "\n----------uid to bt----------\n\n----------trace----------\n";
-const std::string k_empty_report =
-    "\n----------uid to bt----------\n"
-    "uid: 00000000, bt: \n\n"
-    "\nMem usage: 0B (0 bytes) (alloc/sec: 0)\n"
-    "----------top by count----------\n"
-    "uid: 00000000, count: 0, size: 0\n"
-    "----------top by size----------\n"
-    "uid: 00000000, size: 0, count: 0\n"
-    "-------------------------------\n";
+const std::string& k_empty_report = expected::k_empty_top_report;
 
 // Calls made from the executable's pre-initialisers, before the process has
 // allocated anything and before the C library has set up environ: every

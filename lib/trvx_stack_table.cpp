@@ -18,7 +18,9 @@ void stack_table::insert(uint32_t uid, void* const* addrs, uint32_t len) {
     if (find(uid) != nullptr) return;
     void* mem = next_malloc(sizeof(frames) + len * sizeof(void*));
     if (mem == nullptr) throw std::bad_alloc();
-    frames* rec = new (mem) frames{uid, len};
+    auto* rec = static_cast<frames*>(mem);
+    rec->uid = uid;
+    rec->len = len;
     memcpy(rec->addrs(), addrs, len * sizeof(void*));
     try {
         m_index[uid] = rec;
@@ -29,7 +31,7 @@ void stack_table::insert(uint32_t uid, void* const* addrs, uint32_t len) {
 }
 
 void stack_table::clear() {
-    for (auto& slot : m_index) next_free(slot.second);
+    for (const auto& slot : m_index) next_free(slot.second);
     m_index.clear();
 }
 

@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <emmintrin.h>
-
 #include <algorithm>
 #include <cstring>
 
@@ -43,19 +41,21 @@ void block_info::update_block_info_footer(tarvex::backtrace& bt, block_info_foot
     const char* src = reinterpret_cast<const char*>(bt.get_bt());
     // Two entries at a time and without a branch per entry (whose outcome
     // would flip at the stack's depth): an entry at or past the count is
-    // ORed with an all-ones mask from comparing its index with the count.
-    // The backtrace's array always has room for 32 entries; those past its
-    // length are read but masked.
+    // ORed with an all-ones mask from comparing its index with the count, in
+    // 32-bit lanes that SSE2 compares directly. The backtrace's array always
+    // has room for 32 entries; those past its length are read but masked.
+    typedef int32_t lanes __attribute__((vector_size(16)));
     static_assert(backtrace::k_capacity >= k_footer_frames, "the masked reads stay inside the array");
-    const __m128i last = _mm_set1_epi32(int(stored) - 1);
-    const __m128i step = _mm_set1_epi32(2);
-    __m128i index = _mm_set_epi32(1, 1, 0, 0);  // entry i in the low half, i + 1 in the high half
+    const int32_t last_index = int32_t(stored) - 1;
+    const lanes last = {last_index, last_index, last_index, last_index};
+    lanes index = {0, 0, 1, 1};  // entry i in the low half, i + 1 in the high half
 #pragma GCC unroll 16
     for (size_t i = 0; i < size_t(k_footer_frames); i += 2) {
-        __m128i fill = _mm_cmpgt_epi32(index, last);
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i * 8));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(frames + i * 8), _mm_or_si128(v, fill));
-        index = _mm_add_epi32(index, step);
+        lanes v;
+        memcpy(&v, src + i * 8, sizeof v);
+        v |= index > last;
+        memcpy(frames + i * 8, &v, sizeof v);
+        index += 2;
     }
 }
 

@@ -71,7 +71,7 @@ public:
         }
         if ((m_size + 1) * 4 > m_capacity * 3) grow();
         value_type* s = &m_slots[probe(uid)];
-        *s = value_type{uid, 1, V{}};
+        *s = value_type{uid, 1, V()};
         ++m_size;
         return s->second;
     }

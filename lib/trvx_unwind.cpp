@@ -515,11 +515,18 @@ __attribute__((noinline)) int glibc_capture(void** frames, int max, uintptr_t ra
 void unwind_cache_invalidate() { __atomic_add_fetch(&g_generation, 1, __ATOMIC_ACQ_REL); }
 
 // glibc's backtrace() loads the same library the same way on its first call.
+// Once found, it stays loaded for the life of the process.
+void* g_shared_unwinder;
+
 code_range load_shared_unwinder() {
     void* lib = dlopen("libgcc_s.so.1", RTLD_NOW | RTLD_LOCAL);
     void* f = lib != nullptr ? dlsym(lib, "_Unwind_Find_FDE") : nullptr;
     code_range range{0, 0};
-    if (f == nullptr) return range;
+    if (f == nullptr) {
+        if (lib != nullptr) dlclose(lib);
+        return range;
+    }
+    __atomic_store_n(&g_shared_unwinder, lib, __ATOMIC_RELEASE);
     __atomic_store_n(&g_find_fde, reinterpret_cast<trvx_find_fde_fn>(f), __ATOMIC_RELEASE);
     // Rules read before knew nothing of frames registered at run time.
     unwind_cache_invalidate();

@@ -19,7 +19,6 @@ void stack_table::insert(uint32_t uid, void* const* addrs, uint32_t len) {
     void* mem = next_malloc(sizeof(frames) + len * sizeof(void*));
     if (mem == nullptr) throw std::bad_alloc();
     auto* rec = static_cast<frames*>(mem);
-    rec->uid = uid;
     rec->len = len;
     memcpy(rec->addrs(), addrs, len * sizeof(void*));
     try {

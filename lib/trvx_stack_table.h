@@ -20,9 +20,7 @@ namespace tarvex {
 class stack_table {
 public:
     struct frames {
-        uint32_t uid;
-        uint32_t len;  // 1 to 64
-        // The addresses follow the header in the same block.
+        uint64_t len;  // 1 to 64; the addresses follow in the same block
         void** addrs() { return reinterpret_cast<void**>(this + 1); }
         void* const* addrs() const { return reinterpret_cast<void* const*>(this + 1); }
     };

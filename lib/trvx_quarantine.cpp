@@ -28,7 +28,26 @@ quarantine::lane& quarantine::own_lane() {
 // included. A difference, so that it holds across the count's wrap-around.
 bool quarantine::is_due(const record& r, uint64_t released) { return released - r.start > k_quarantine_limit; }
 
-size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t max) {
+// A forked child shares its parent's memory until one of them writes a
+// page. The blocks that were in the quarantine at the fork lie all over the
+// heap, and giving one back writes the allocator's bookkeeping into its
+// page: one page copy (and, on most machines, a flush of the other
+// processors' address caches) per block. A short-lived child (a subshell,
+// a child about to exec) would pay that for every release it makes. So a
+// child keeps its parent's due blocks, as they are, until the first block
+// that it released itself is due: from then on, it is a process of its own
+// and gives back as the parent did. The blocks kept are out of the
+// quarantine all the same (find, bytes and count go by the count alone);
+// a full drain (take_due) still gives them back.
+bool quarantine::holds_inherited(uint64_t released) {
+    if (!__atomic_load_n(&m_inherited_held, __ATOMIC_RELAXED)) return false;
+    if (released - m_fork_released <= k_quarantine_limit) return true;
+    __atomic_store_n(&m_inherited_held, false, __ATOMIC_RELAXED);
+    return false;
+}
+
+size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t max, bool all) {
+    if (!all && holds_inherited(released)) return 0;
     size_t n = 0;
     while (n < max && !l.records.empty() && is_due(l.records.front(), released)) {
         void* p = l.records.front().bi.m_addr;
@@ -53,11 +72,11 @@ void quarantine::mark_in_use(const lane& l, bool in_use) {
         __atomic_fetch_and(&m_lanes_in_use, ~bit, __ATOMIC_RELAXED);
 }
 
-size_t quarantine::take_from(lane& l, void** due, size_t max) {
+size_t quarantine::take_from(lane& l, void** due, size_t max, bool all) {
     // A look without the lock first: most lanes of a process are empty.
     if (l.records.looks_empty()) return 0;
     spin_guard guard(l.lock);
-    return take_locked(l, released(), due, max);
+    return take_locked(l, released(), due, max, all);
 }
 
 // Gives back the due records of one other lane that holds records, in turn,
@@ -109,16 +128,16 @@ size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, 
 // A thread that never released has no lane of its own yet, and gets none
 // here.
 void* quarantine::take_due() {
-    void* p = take_own_due();
-    if (p != nullptr) return p;
+    void* p = nullptr;
+    if (t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1, true) != 0) return p;
     for (lane& l : m_lanes)
-        if (take_from(l, &p, 1) != 0) return p;
+        if (take_from(l, &p, 1, true) != 0) return p;
     return nullptr;
 }
 
 void* quarantine::take_own_due() {
     void* p = nullptr;
-    return t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1) != 0 ? p : nullptr;
+    return t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1, false) != 0 ? p : nullptr;
 }
 
 // An address is in the lanes at most once: its block stays allocated until
@@ -155,6 +174,11 @@ void quarantine::lock_all() {
 
 void quarantine::unlock_all() {
     for (lane& l : m_lanes) l.lock.unlock();
+}
+
+void quarantine::mark_fork_child() {
+    m_fork_released = m_released;
+    m_inherited_held = m_lanes_in_use != 0;
 }
 
 }  // namespace tarvex

@@ -18,7 +18,9 @@
 // threads have stopped releasing are given back by the other threads, one
 // lane in use every few dozen releases, and by every full drain (take_due).
 // A due record that still waits in its lane is out of the quarantine all the
-// same: find() does not report it, bytes() and count() do not count it.
+// same: find() does not report it, bytes() and count() do not count it. A
+// forked child leaves its parent's due records waiting until its own first
+// record is due (holds_inherited).
 #pragma once
 
 #include <cstddef>
@@ -72,6 +74,9 @@ public:
     // fork: every lane's lock is held across fork.
     void lock_all();
     void unlock_all();
+    // In the child, with every lane's lock still held: the records in the
+    // lanes now are the parent's.
+    void mark_fork_child();
 
     // Test seam: the lane of the calling thread.
     ring<record>& own_records() { return own_lane().records; }
@@ -85,14 +90,19 @@ private:
     lane& own_lane();
     uint64_t released() const { return __atomic_load_n(&m_released, __ATOMIC_ACQUIRE); }
     static bool is_due(const record& r, uint64_t released);
-    size_t take_locked(lane& l, uint64_t released, void** due, size_t max);
-    size_t take_from(lane& l, void** due, size_t max);
+    bool holds_inherited(uint64_t released);
+    size_t take_locked(lane& l, uint64_t released, void** due, size_t max, bool all = false);
+    size_t take_from(lane& l, void** due, size_t max, bool all);
     size_t sweep_one(void** due, size_t max);
     void mark_in_use(const lane& l, bool in_use);
 
     alignas(64) uint64_t m_released = 0;
     // Bit i: lane i holds records. Read by the sweeps, written rarely.
     alignas(64) uint64_t m_lanes_in_use = 0;
+    // The count at the last fork, in a child whose lanes still hold its
+    // parent's records (see holds_inherited). Read by every release.
+    uint64_t m_fork_released = 0;
+    bool m_inherited_held = false;
     lane m_lanes[k_lanes];
 };
 

@@ -519,6 +519,7 @@ void mem_stats::lock_for_fork() {
 }
 
 void mem_stats::unlock_after_fork(bool child) {
+    if (child) m_delayed_free_queue.mark_fork_child();
     m_block_info_map.unlock_all();
     m_delayed_free_queue.unlock_all();
     m_counters_lock.unlock();

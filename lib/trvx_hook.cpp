@@ -657,6 +657,9 @@ __attribute__((noinline)) bool realloc_enter(void* ptr, size_t size, void* calle
     } else if (!enter_tracking(caller)) {
         *out = realloc_untracked(ptr, size);
     } else {
+        // The registry's line for the old block is fetched while the stack
+        // is captured and the new block is made.
+        if (ptr != nullptr) stats().m_block_info_map.prefetch(ptr);
         return true;
     }
     return false;

@@ -55,10 +55,7 @@ size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t ma
         due[n++] = p;
         l.records.pop_front();
     }
-    if (n != 0) {
-        if (l.records.empty()) mark_in_use(l, false);
-        l.records.shrink_if_sparse();
-    }
+    if (n != 0 && l.records.empty()) mark_in_use(l, false);
     return n;
 }
 

@@ -1,11 +1,39 @@
-// The quarantine of a forked child: the blocks it inherited stay where they
-// are until a block that the child released itself is due.
+// A quarantine lane's queue, and the quarantine of a forked child: the
+// blocks it inherited stay where they are until a block that the child
+// released itself is due.
 #include <vector>
 
 #include "trvx_quarantine.h"
+#include "trvx_ring.h"
 #include "unit_support.h"
 
 namespace {
+
+// Values keep their order while the queue grows segment by segment, its
+// table of segments wraps and grows with the oldest value in the middle,
+// and it empties and fills again at a segment's edge and inside one.
+TEST(Ring, KeepsOrderAcrossSegmentsAndGrowth) {
+    tarvex::ring<size_t> r;
+    size_t next_in = 0, next_out = 0;
+    auto check = [&] {
+        ASSERT_EQ(r.size(), next_in - next_out);
+        for (size_t i = 0; i < r.size(); i += 97) ASSERT_EQ(r[i], next_out + i) << i;
+        if (!r.empty()) {
+            ASSERT_EQ(r.front(), next_out);
+        }
+    };
+    const std::pair<size_t, size_t> steps[] = {{3000, 2000}, {9000, 0}, {0, 10000}, {1024, 1024}, {5, 5}, {4000, 1}};
+    for (auto [in, out] : steps) {
+        for (size_t i = 0; i < in; ++i) r.push_back(next_in++);
+        check();
+        for (size_t i = 0; i < out; ++i, ++next_out) {
+            ASSERT_EQ(r.front(), next_out);
+            r.pop_front();
+        }
+        check();
+        EXPECT_EQ(r.looks_empty(), r.empty());
+    }
+}
 
 using unit::fake_addr;
 

@@ -87,8 +87,10 @@ private:
         size_t n = m_segments ? (m_table_mask + 1) * 2 : 4;
         T** table = static_cast<T**>(next_malloc(n * sizeof(T*)));
         if (table == nullptr) throw std::bad_alloc();
-        for (size_t s = first; s < m_end; ++s) table[s & (n - 1)] = m_segments[s & m_table_mask];
-        next_free(m_segments);
+        if (m_segments != nullptr) {
+            for (size_t s = first; s < m_end; ++s) table[s & (n - 1)] = m_segments[s & m_table_mask];
+            next_free(m_segments);
+        }
         m_segments = table;
         m_table_mask = n - 1;
     }

@@ -16,10 +16,7 @@ endif()
 add_executable(tarvex_tools_tests
   ${tools_tests}/frame_line_test.cpp
   ${tools_tests}/log_parser_test.cpp
-  ${tools_tests}/symboliser_test.cpp
-  ${tools_tests}/text_helpers_test.cpp
-  ${tools_tests}/top_history_test.cpp
-  ${tools_tests}/trace_window_test.cpp)
+  ${tools_tests}/text_helpers_test.cpp)
 target_link_libraries(tarvex_tools_tests PRIVATE tarvex_report_core ${tools_gtest} dl)
 add_test(NAME tools.report_units COMMAND tarvex_tools_tests)
 

@@ -1,35 +1,11 @@
-// Call stacks and their uids, and the caches from uid to return addresses
-// and to symbol lines.
-#include <dlfcn.h>
-#include <execinfo.h>
-
+// Call stacks and their uids, the caches from uid to return addresses and to
+// symbol lines, the symbol line parsers and the exported demangler.
 #include "unit_support.h"
-
-// Captures a stack here, so that frame 1 must lie in this function. Exported
-// (see ENABLE_EXPORTS) so that dladdr can name it.
-extern "C" __attribute__((noinline)) tarvex::backtrace unit_capture_stack() {
-    return tarvex::backtrace();
-}
 
 namespace {
 
 using tarvex::backtrace;
-
-// Index of the frame that lies in the backtrace constructor: 0, except in
-// sanitizer builds, where the sanitizer's interceptor of the C library's
-// backtrace() adds a frame of its own in front.
-int constructor_frame(backtrace& bt) {
-    int first = 0;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    Dl_info self, info;
-    dladdr(reinterpret_cast<void*>(&unit_capture_stack), &self);
-    while (first < bt.get_bt_len() && dladdr(bt.get_bt()[first], &info) != 0 && info.dli_fbase != self.dli_fbase)
-        ++first;
-#else
-    (void)bt;
-#endif
-    return first;
-}
+using cache = tarvex::backtrace_symbols_cache;
 
 std::vector<void*> frames_of(std::initializer_list<uint64_t> addrs) {
     std::vector<void*> v;
@@ -37,27 +13,22 @@ std::vector<void*> frames_of(std::initializer_list<uint64_t> addrs) {
     return v;
 }
 
-TEST(Backtrace, UidOfTheWorkedExamples) {
-    struct row {
-        std::vector<void*> frames;
-        uint32_t uid;
-    };
-    const row rows[] = {
+// The worked examples, and a list longer than the capacity, which keeps its
+// first 64 frames.
+TEST(Backtrace, UidOfAStack) {
+    const std::pair<std::vector<void*>, uint32_t> rows[] = {
         {frames_of({0x00007F3A12345678, 0x00007F3A1234ABCD, 0x0000000000401A2B}), 0xE2A311ED},
         {frames_of({0x00007F3A12345678, 0x00007F3A1234ABCD}), 0xDCD132DE},
         {frames_of({0x0000000000401A2B}), 0x571D6BA5},
         {frames_of({0x00007F3A12345678}), 0x9D993148},
         {{}, 0},
     };
-    for (const row& r : rows) {
-        backtrace bt(r.frames);
-        EXPECT_EQ(bt.get_bt_len(), int(r.frames.size()));
-        EXPECT_EQ(bt.get_cookie(), r.uid) << std::hex << r.uid;
-        EXPECT_EQ(bt.compute_cookie(), r.uid);
+    for (const auto& r : rows) {
+        backtrace bt(r.first);
+        EXPECT_EQ(bt.get_bt_len(), int(r.first.size()));
+        EXPECT_EQ(bt.get_cookie(), r.second) << std::hex << r.second;
+        EXPECT_EQ(bt.compute_cookie(), r.second);
     }
-}
-
-TEST(Backtrace, ListLongerThanTheCapacityKeepsItsFirst64) {
     std::vector<void*> frames = unit::fake_frames(70, 1);
     backtrace bt(frames);
     ASSERT_EQ(bt.get_bt_len(), 64);
@@ -65,25 +36,6 @@ TEST(Backtrace, ListLongerThanTheCapacityKeepsItsFirst64) {
     frames.resize(64);
     EXPECT_EQ(bt.get_cookie(), backtrace(frames).get_cookie());
 }
-
-TEST(Backtrace, CaptureStartsInTheConstructorAndItsCaller) {
-    backtrace bt = unit_capture_stack();
-    int first = constructor_frame(bt);
-    ASSERT_GE(bt.get_bt_len(), first + 3);
-    Dl_info info0, info1;
-    ASSERT_NE(dladdr(bt.get_bt()[first], &info0), 0);
-    ASSERT_NE(dladdr(bt.get_bt()[first + 1], &info1), 0);
-    ASSERT_NE(info0.dli_sname, nullptr);
-    ASSERT_NE(info1.dli_sname, nullptr);
-    EXPECT_EQ(std::string(info0.dli_sname).rfind("_ZN6tarvex9backtraceC", 0), 0u) << info0.dli_sname;
-    EXPECT_STREQ(info1.dli_sname, "unit_capture_stack");
-
-    std::vector<void*> list(bt.get_bt(), bt.get_bt() + bt.get_bt_len());
-    EXPECT_EQ(backtrace(list).get_cookie(), bt.get_cookie());
-    EXPECT_EQ(bt.compute_cookie(), bt.get_cookie());
-}
-
-// ---------------------------------------------------------------- caches
 
 // The table behind the stack cache, through several doublings: uid 0 (a
 // real uid of a non-empty stack, though rare), uids that share their low
@@ -94,16 +46,15 @@ TEST(StackTable, KeepsEveryFirstStackAcrossGrowth) {
     std::vector<uint32_t> uids;
     for (uint32_t i = 0; i < 3000; ++i) uids.push_back(i % 2 ? i << 20 : i * 2654435761u);
     for (size_t i = 0; i < uids.size(); ++i) {
-        std::vector<void*> frames = unit::fake_frames(int(i % 64) + 1, int(i));
+        std::vector<void*> frames = unit::fake_frames(int(i % 64) + 1, i), other = unit::fake_frames(2, i + 7);
         table.insert(uids[i], frames.data(), uint32_t(frames.size()));
-        std::vector<void*> other = unit::fake_frames(2, int(i) + 7);
         table.insert(uids[i], other.data(), 2);
     }
     EXPECT_EQ(table.size(), uids.size());
     for (size_t i = 0; i < uids.size(); ++i) {
         const tarvex::stack_table::frames* f = table.find(uids[i]);
         ASSERT_NE(f, nullptr) << i;
-        EXPECT_EQ(std::vector<void*>(f->addrs(), f->addrs() + f->len), unit::fake_frames(int(i % 64) + 1, int(i)));
+        EXPECT_EQ(std::vector<void*>(f->addrs(), f->addrs() + f->len), unit::fake_frames(int(i % 64) + 1, i));
     }
     EXPECT_EQ(table.find(12345), nullptr);
     table.clear();
@@ -112,76 +63,120 @@ TEST(StackTable, KeepsEveryFirstStackAcrossGrowth) {
 
 class SymbolCache : public unit::seams {
 protected:
-    tarvex::backtrace_symbols_cache cache;
+    cache symbols;
     const std::vector<std::string> untouched = {"keep", "me"};
 };
 
 // The first stack of a uid stands for it (two stacks that differ only in
 // the upper half of a later address share a uid); an empty stack is never
 // recorded. Lines are made once, by the updating lookup only, and replace
-// what the vector held.
+// what the vector held; a failed symbolization is tried again later.
 TEST_F(SymbolCache, KeepsTheFirstStackOfAUidAndItsLinesOnce) {
     backtrace empty(std::vector<void*>{});
-    cache.update_bt_cache(empty);
+    symbols.update_bt_cache(empty);
     std::vector<void*> first = unit::fake_frames(3, 7), second = first;
     second[2] = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(second[2]) ^ (uintptr_t(1) << 40));
     backtrace a(first), b(second);
     ASSERT_EQ(a.get_cookie(), b.get_cookie());
-    cache.update_bt_cache(a);
-    cache.update_bt_cache(b);
-    cache.update_bt_cache(a);
-    EXPECT_EQ(cache.bt_cache_size(), 1u);
+    for (backtrace* bt : {&a, &b, &a}) symbols.update_bt_cache(*bt);
+    EXPECT_EQ(symbols.bt_cache_size(), 1u);
 
     std::vector<std::string> out = untouched;
-    EXPECT_FALSE(cache.find_and_update_bt_sym(out, 0));
-    EXPECT_FALSE(cache.find_bt_sym(out, a.get_cookie()));
+    EXPECT_FALSE(symbols.find_and_update_bt_sym(out, 0));
+    EXPECT_FALSE(symbols.find_bt_sym(out, a.get_cookie()));
+    cache::s_symbolizer = unit::failing_symbolizer;
+    EXPECT_FALSE(symbols.find_and_update_bt_sym(out, a.get_cookie()));
+    EXPECT_FALSE(symbols.find_bt_sym(out, a.get_cookie()));
     EXPECT_EQ(out, untouched);
-    EXPECT_EQ(unit::g_symbolizer_calls, 0);
-    const std::vector<std::string> lines = {"L0", "L1", "L2"};
+    cache::s_symbolizer = unit::fake_symbolizer;
     out = {"old", "old", "old", "old", "old"};
-    ASSERT_TRUE(cache.find_and_update_bt_sym(out, a.get_cookie()));
-    EXPECT_EQ(out, lines);
+    ASSERT_TRUE(symbols.find_and_update_bt_sym(out, a.get_cookie()));
+    EXPECT_EQ(out, (std::vector<std::string>{"L0", "L1", "L2"}));
     EXPECT_EQ(unit::last_symbolized(), first);
     out = untouched;
-    ASSERT_TRUE(cache.find_bt_sym(out, a.get_cookie()));
-    EXPECT_EQ(out, lines);
-    ASSERT_TRUE(cache.find_and_update_bt_sym(out, a.get_cookie()));
-    EXPECT_EQ(unit::g_symbolizer_calls, 1);
+    ASSERT_TRUE(symbols.find_bt_sym(out, a.get_cookie()));
+    EXPECT_EQ(out, (std::vector<std::string>{"L0", "L1", "L2"}));
+    ASSERT_TRUE(symbols.find_and_update_bt_sym(out, a.get_cookie()));
+    EXPECT_EQ(unit::g_symbolizer_calls, 2);
 
     backtrace deep(unit::fake_frames(64, 8));  // every frame is kept
-    cache.update_bt_cache(deep);
-    ASSERT_TRUE(cache.find_and_update_bt_sym(out, deep.get_cookie()));
+    symbols.update_bt_cache(deep);
+    ASSERT_TRUE(symbols.find_and_update_bt_sym(out, deep.get_cookie()));
     EXPECT_EQ(out.size(), 64u);
 }
 
-TEST_F(SymbolCache, FailedSymbolizationIsRetriedLater) {
-    backtrace bt(unit::fake_frames(2, 11));
-    cache.update_bt_cache(bt);
-    tarvex::backtrace_symbols_cache::s_symbolizer = unit::failing_symbolizer;
-    std::vector<std::string> out = untouched;
-    EXPECT_FALSE(cache.find_and_update_bt_sym(out, bt.get_cookie()));
-    EXPECT_FALSE(cache.find_bt_sym(out, bt.get_cookie()));
-    EXPECT_EQ(out, untouched);
-    tarvex::backtrace_symbols_cache::s_symbolizer = unit::fake_symbolizer;
-    EXPECT_TRUE(cache.find_and_update_bt_sym(out, bt.get_cookie()));
-    EXPECT_EQ(out, (std::vector<std::string>{"L0", "L1"}));
-    EXPECT_EQ(unit::g_symbolizer_calls, 2);
+struct parse_row {
+    std::string line, symbol, address, function, lib;
+};
+
+TEST(SymbolLineParsers, CutTheirFieldOutOfEveryLine) {
+    const parse_row rows[] = {
+        {"/opt/app/lib/libwidget.so.2(_ZN6widget4drawEv+0x1c) [0xa3c4]", "_ZN6widget4drawEv+0x1c", "0xa3c4",
+         "_ZN6widget4drawEv", "libwidget.so.2(_ZN6widget4drawEv+0x1c)"},
+        {"/opt/app/bin/server(+0x1f2a) [0x4f2a]", "+0x1f2a", "0x4f2a", "", "server(+0x1f2a)"},
+        {"/opt/app/bin/server(main-0x10) [0x4f2a]", "main-0x10", "0x4f2a", "0x4f2a", "server(main-0x10)"},
+        {"/opt/app/bin/server [0x4f2a]", "", "0x4f2a", "0x4f2a", "server"},
+        {"[0x4f2a]", "", "0x4f2a", "0x4f2a", ""},
+        {"/opt/app/lib/libwidget.so.2(_ZN6widget4drawEv+0x1c)", "_ZN6widget4drawEv+0x1c", "", "_ZN6widget4drawEv",
+         "libwidget.so.2"},
+        {"libwidget.so.2(_ZN6widget4drawEv+0x1c) [0xa3c4]", "_ZN6widget4drawEv+0x1c", "0xa3c4", "_ZN6widget4drawEv",
+         ""},
+        {"/opt/g++/lib/libx.so(f-0x8) [0x1000]", "f-0x8", "0x1000", "f-0x8) [0x1000]", "libx.so(f-0x8)"},
+        {"/opt/my app/bin/x(f+0x1) [0x1]", "f+0x1", "0x1", "f", "x(f+0x1) [0x1]"},
+        {"", "", "", "", ""},
+        // Delimiters missing or out of order.
+        {"(abc", "", "", "", ""},
+        {"x]y[z", "", "z", "z", ""},
+        {"a)b(c", "c", "", "", ""},
+        {"/lib/x.so()", "", "", "", "x.so"},
+    };
+    const struct {
+        const char* name;
+        void (*fn)(std::string&, const std::string&);
+        std::string parse_row::*expected;
+    } parsers[] = {
+        {"extract_symbol", cache::extract_symbol, &parse_row::symbol},
+        {"extract_address", cache::extract_address, &parse_row::address},
+        {"extract_function_name", cache::extract_function_name, &parse_row::function},
+        {"extract_lib", cache::extract_lib, &parse_row::lib},
+    };
+    for (const parse_row& r : rows)
+        for (const auto& p : parsers) {
+            std::string out = "stale text";  // always overwritten
+            p.fn(out, r.line);
+            EXPECT_EQ(out, r.*p.expected) << p.name << "(\"" << r.line << "\")";
+        }
 }
 
-TEST_F(SymbolCache, LinesAreStoredAsTheCLibraryWritesThem) {
-    tarvex::backtrace_symbols_cache::s_symbolizer = nullptr;
-    backtrace bt = unit_capture_stack();
-    ASSERT_GT(bt.get_bt_len(), 0);
-    cache.update_bt_cache(bt);
-    std::vector<std::string> out;
-    ASSERT_TRUE(cache.find_and_update_bt_sym(out, bt.get_cookie()));
-    char** expected = ::backtrace_symbols(bt.get_bt(), bt.get_bt_len());
-    ASSERT_NE(expected, nullptr);
-    ASSERT_EQ(out.size(), size_t(bt.get_bt_len()));
-    for (int i = 0; i < bt.get_bt_len(); ++i) EXPECT_EQ(out[i], expected[i]);
-    free(expected);
-    size_t caller = size_t(constructor_frame(bt)) + 1;
-    EXPECT_NE(out[caller].find("unit_capture_stack"), std::string::npos) << out[caller];
+TEST(Demangler, TranslatesTheLeadingNestedName) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"_ZN6widget4drawEv", "widget::draw"},
+        {"_ZN6widget5panel6resizeEii", "widget::panel::resize"},
+        {"_ZN6widget5panelC2Ev", "widget::panel"},
+        {"_ZN6widget12render_frameEPKc", "widget::render_frame"},
+        {"_ZN6widget4drawE3foo", "widget::draw"},
+        {"_ZNK6widget5panel4sizeEv", ""},
+        {"_ZNSt6vectorIiSaIiEE9push_backERKi", ""},
+        {"_ZN6widget", "widget"},
+        {"_ZN6wid", "wid"},
+        {"_ZN007widgetE", "widgetE"},
+        {"_ZN2ab12cdE", "ab::cdE"},
+        {"_ZN12", ""},
+        {"_ZN0E", ""},
+        {"_ZN", ""},
+        {"_Z4initv", "_Z4initv"},
+        {"x_ZN3fooE", "x_ZN3fooE"},
+        {"malloc", "malloc"},
+        {"", ""},
+        {"_ZN3a1b2cd", "a1b::cd"},
+        {"_ZN3\xc3\xa9x1yE", "\xc3\xa9x::y"},
+    };
+    for (const auto& r : rows) EXPECT_EQ(trvx_backtrace::my_demangle(r.first), r.second) << r.first;
+    // Lengths too large for an int never read outside the name.
+    for (const std::string& name :
+         {std::string("_ZN2147483647ab"), std::string("_ZN2147483648ab"), std::string("_ZN4294967297abcdef"),
+          std::string("_ZN99999999999x"), "_ZN" + std::string(200, '9') + "abc", "_ZN3abc" + std::string(30, '7') + "d"})
+        EXPECT_LE(trvx_backtrace::my_demangle(name).size(), name.size()) << name;
 }
 
 }  // namespace

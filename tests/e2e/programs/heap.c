@@ -465,7 +465,6 @@ static void fault_stack(int use_realloc) {
 
 static int g_workers_running;
 static int g_faulters_ready;
-static int g_faulters;
 
 static void* churn(void* arg) {
     (void)arg;
@@ -492,18 +491,17 @@ static void* double_release(void* arg) {
     snprintf(key, sizeof key, "%s.free", tag);
     side_stack(key, launder(p), 40);
     __atomic_add_fetch(&g_faulters_ready, 1, __ATOMIC_SEQ_CST);
-    while (__atomic_load_n(&g_faulters_ready, __ATOMIC_SEQ_CST) < g_faulters) sched_yield();
+    while (__atomic_load_n(&g_faulters_ready, __ATOMIC_SEQ_CST) < 2) sched_yield();
     release(0, p);
     return NULL;
 }
 
-static void scenario_threads(int faulters) {
-    enum { workers = 6 };
-    pthread_t t[workers + 2];
+static void scenario_threads(void) {
+    enum { workers = 6, faulters = 2 };
+    pthread_t t[workers + faulters];
     for (int i = 0; i < workers; ++i) pthread_create(&t[i], NULL, churn, NULL);
     while (__atomic_load_n(&g_workers_running, __ATOMIC_SEQ_CST) < workers) sched_yield();
     static const char* const tags[] = {"t0", "t1"};
-    g_faulters = faulters;
     for (int i = 0; i < faulters; ++i) pthread_create(&t[workers + i], NULL, double_release, (void*)tags[i]);
     for (int i = 0; i < faulters; ++i) pthread_join(t[workers + i], NULL);
 }
@@ -530,7 +528,7 @@ static const struct {
     {"untracked_realloc", scenario_untracked_realloc},
 };
 
-/* heap <scenario> | heap threads <faulting threads> |
+/* heap <scenario> | heap threads |
  * heap fault <overflow|double|realloc0|after_quarantine|after_quarantine_thread|interior|stack> <free|realloc>
  *            [malloc|calloc|valloc|aligned] */
 int main(int argc, char** argv) {
@@ -543,7 +541,7 @@ int main(int argc, char** argv) {
     }
     if (strcmp(s, "stdout_report") == 0) return scenario_stdout_report();
     if (strcmp(s, "threads") == 0) {
-        scenario_threads(argc > 2 ? atoi(argv[2]) : 1);
+        scenario_threads();
         return 0;
     }
     if (strcmp(s, "fault") == 0 && argc > 3) {

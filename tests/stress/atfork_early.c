@@ -1,19 +1,16 @@
 /*
- * libstress_atfork_early.so: linked into stress_atfork, so that its
- * constructor runs before libtarvex.so's and registers fork handlers before
- * the process has allocated anything. Its prepare handler thus runs after
- * tarvex's (prepare handlers run in the reverse order of registration), and
- * it allocates and releases there, as its parent and child handlers do.
+ * Linked into stress_c: its constructor runs before libtarvex.so's and
+ * registers fork handlers before the process's first allocation, so its
+ * prepare handler runs after tarvex's (prepare handlers run in the reverse
+ * order of registration). All three handlers allocate and release.
  */
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
-#define EXPORT __attribute__((visibility("default")))
-
 static void* g_kept;  // replaced in every prepare handler
 
-EXPORT void* atfork_early_kept(void) { return g_kept; }
+__attribute__((visibility("default"))) void* atfork_early_kept(void) { return g_kept; }
 
 static void prepare(void) {
     void* p = malloc(40);

@@ -1,8 +1,8 @@
 /*
- * libstress_plugin.so: loaded and unloaded at run time by stress_lifecycle.
- * It allocates in its constructor and releases in its destructor, and hands
- * out and takes back blocks through its own references to malloc and free
- * (which RTLD_DEEPBIND binds to the C library's own definitions).
+ * libstress_plugin.so, loaded and closed at run time by stress_cpp. It
+ * allocates in its constructor and releases in its destructor, and hands out
+ * and takes back blocks through its own references to malloc and free
+ * (which RTLD_DEEPBIND would bind to the C library's own definitions).
  */
 #include <stdlib.h>
 #include <string.h>
@@ -11,11 +11,7 @@
 
 static char* g_ctor_block;
 
-__attribute__((constructor)) static void plugin_init(void) {
-    g_ctor_block = malloc(100);
-    memset(g_ctor_block, 1, 100);
-}
-
+__attribute__((constructor)) static void plugin_init(void) { g_ctor_block = memset(malloc(100), 1, 100); }
 __attribute__((destructor)) static void plugin_fini(void) { free(g_ctor_block); }
 
 EXPORT void* plugin_alloc(size_t n) { return malloc(n); }

@@ -1,25 +1,30 @@
-/* The C counterpart of shapes.cpp: recursion, signal handler, threads,
- * callbacks from the C library, code loaded at run time. */
+/* Allocates from many kinds of call stacks; built as C and as C++ and run
+ * with the library variant that checks every stack capture against glibc's
+ * backtrace(), it exits 0 only if every capture agreed. */
 #include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#ifdef __cplusplus
+#include <stdexcept>
+#include <string>
+#include <vector>
+#endif
 
 static volatile int g_sink;
 
 __attribute__((noinline)) static void* deep(int depth) {
     if (depth == 0) return malloc(24);
     void* p = deep(depth - 1);
-    g_sink += depth;
+    g_sink = g_sink + depth;
     return p;
 }
 
-static void on_signal(int sig) { (void)sig; free(calloc(3, 8)); }
+static void on_signal(int sig) { free(calloc(3, 8 + sig % 2)); }
 
 static void* churn(void* arg) {
-    (void)arg;
     for (int i = 0; i < 500; ++i) free(realloc(deep(i % 90), 64));
-    return NULL;
+    return arg;
 }
 
 static int compare_allocating(const void* a, const void* b) {
@@ -29,7 +34,16 @@ static int compare_allocating(const void* a, const void* b) {
 
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
-    for (int i = 0; i < 100; ++i) free(deep(i));
+    for (int i = 0; i < 100; ++i) free(deep(i)); /* deeper than the 64 frames kept */
+#ifdef __cplusplus
+    try {
+        throw std::runtime_error(std::string(100, 'x'));
+    } catch (const std::exception& e) {
+        g_sink = g_sink + (int)e.what()[0];
+    }
+    std::vector<std::string> strings;
+    for (int i = 0; i < 500; ++i) strings.push_back(std::to_string(i) + std::string(40, 'y'));
+#endif
     signal(SIGUSR1, on_signal);
     for (int i = 0; i < 10; ++i) raise(SIGUSR1);
     pthread_t threads[3];
@@ -37,8 +51,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < 3; ++i) pthread_join(threads[i], NULL);
     int values[32];
     for (int i = 0; i < 32; ++i) values[i] = (i * 7919) % 32;
-    qsort(values, 32, sizeof(int), compare_allocating);
-    for (int round = 0; round < 3; ++round) {
+    qsort(values, 32, sizeof(int), compare_allocating); /* frames inside the C library */
+    for (int round = 0; round < 3; ++round) {             /* code loaded and unloaded at run time */
         void* plugin = dlopen(argv[1], RTLD_NOW);
         if (plugin == NULL) return 3;
         void* (*plug_alloc)(int) = (void* (*)(int))dlsym(plugin, "plug_alloc");

@@ -185,13 +185,16 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
     // a thread cancelled while it allocates must not be cancelled inside it.
     int cancel_state;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state);
+    bool done = true;
     try {
-        dump_alloc_stats_periodic(20);
+        done = dump_alloc_stats_periodic(20);
     } catch (...) {
     }
     pthread_setcancelstate(cancel_state, nullptr);
     lock.lock();
-    __atomic_store_n(&m_last_dump_time, s_clock(nullptr), __ATOMIC_RELAXED);
+    // A report kept out by a trace dump being written stays due: the next
+    // registration after the dump writes it.
+    if (done) __atomic_store_n(&m_last_dump_time, s_clock(nullptr), __ATOMIC_RELAXED);
 }
 
 // Never allocates: a site without a counter entry (cleared since) has
@@ -382,16 +385,20 @@ void mem_stats::dump_alloc_stats(unsigned long n) {
 
 // The periodic report runs on whatever thread registered a block, which may
 // hold a lock of its own (a stream's, the dynamic loader's) that a trace
-// dump being written needs: it never waits for the report output, and a
-// dump being written counts as a report in progress.
-void mem_stats::dump_alloc_stats_periodic(unsigned long n) {
-    if (__atomic_exchange_n(&g_report_in_progress, true, __ATOMIC_ACQ_REL)) return;
+// dump being written needs: it never waits for the report output. Returns
+// false when a trace dump holds the output, so that the report is not
+// written now but stays due; true when it was written or when another top
+// report runs or waits for the output. The output lock is tried before the
+// flag is set, so that these attempts never turn away an on-demand report.
+bool mem_stats::dump_alloc_stats_periodic(unsigned long n) {
+    scoped_lock report(&g_report_mutex, scoped_lock::try_only{});
+    if (!report.held()) return __atomic_load_n(&g_report_in_progress, __ATOMIC_ACQUIRE);
+    if (__atomic_exchange_n(&g_report_in_progress, true, __ATOMIC_ACQ_REL)) return true;
     struct clear_flag {
         ~clear_flag() { __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE); }
     } clear;
-    scoped_lock report(&g_report_mutex, scoped_lock::try_only{});
-    if (!report.held()) return;
     write_top(n);
+    return true;
 }
 
 void mem_stats::log_top(unsigned long n) {

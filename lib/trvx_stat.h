@@ -94,7 +94,7 @@ private:
     void insert_counted(const tarvex::block_info& bi, bool counting);
     void periodic_check();
     void periodic_trigger(class scoped_lock& lock);
-    void dump_alloc_stats_periodic(unsigned long n);
+    bool dump_alloc_stats_periodic(unsigned long n);
     void write_top(unsigned long n);
     void quarantine(const block_info& bi);
     size_t quarantine_and_take(const block_info& bi, void** due, size_t max);

@@ -203,6 +203,43 @@ TEST_F(TopReport, PeriodicTriggerFiresAfterMoreThanTenSeconds) {
     EXPECT_EQ(occurrences(register_at(1022), "----------top by count"), 2u);
 }
 
+// A registration made while a trace dump is being written finds the report
+// due but cannot write it then; the report stays due and comes with the next
+// registration, not 10 seconds later.
+mem_stats* g_stats_during_dump;
+char** symbolizer_that_registers(void* const* frames, int n) {
+    if (mem_stats* s = g_stats_during_dump) {
+        g_stats_during_dump = nullptr;
+        unit::g_now = 1011;
+        tarvex::block_info bi = unit::make_block(unit::fake_addr(2), 10, 2);
+        s->insert_block_info(bi);
+    }
+    return unit::fake_symbolizer(frames, n);
+}
+
+TEST_F(TopReport, PeriodicReportKeptOutByATraceDumpStaysDue) {
+    tarvex::backtrace bt(unit::fake_frames(4, 0x7d0d));
+    g_ctx->m_symbols.update_bt_cache(bt);
+    stats.trace_start();
+    tarvex::block_info traced = unit::make_block(unit::fake_addr(1), 10, bt.get_cookie());
+    stats.insert_block_info(traced);
+    stats.trace_stop();
+    g_stats_during_dump = &stats;
+    tarvex::backtrace_symbols_cache::s_symbolizer = symbolizer_that_registers;
+    stats.trace_dump();
+    EXPECT_EQ(g_stats_during_dump, nullptr);
+    std::string log = unit::read_file(unit::log_path());
+    EXPECT_EQ(occurrences(log, "----------top by count"), 0u);
+    EXPECT_EQ(stats.m_last_dump_time, 1000);
+
+    tarvex::block_info next = unit::make_block(unit::fake_addr(3), 10, 3);
+    stats.insert_block_info(next);
+    log = unit::read_file(unit::log_path());
+    EXPECT_EQ(occurrences(log, "----------trace"), 1u);
+    EXPECT_EQ(occurrences(log, "----------top by count"), 1u);
+    EXPECT_EQ(stats.m_last_dump_time, 1011);
+}
+
 mem_stats* g_nested_stats;
 time_t clock_that_requests_a_report(time_t*) {
     if (mem_stats* s = g_nested_stats) {

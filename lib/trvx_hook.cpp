@@ -582,6 +582,7 @@ namespace {
 __attribute__((noinline)) bool free_enter(void* ptr, void* caller) {
     resolve(g_next_free, g_resolving.free_, "free");
     if (ptr == nullptr) {
+        frame_ready();  // like every allocation call, the first free(NULL) builds the context
         tarvex::next_free(ptr);
         return false;
     }

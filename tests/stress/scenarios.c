@@ -8,9 +8,10 @@
  *   stress_c dlsym             a failed dlsym, then a second dlsym before
  *                              the process's first free
  *   stress_c atfork            forks while the early fork handlers allocate
- *   stress_c control-first|malloc-first
- *                              every control function, or an allocation,
- *                              from a pre-initialiser; then whether tracked
+ *   stress_c control-first|malloc-first|free-null-first
+ *                              every control function, an allocation or
+ *                              free(NULL) from a pre-initialiser; then
+ *                              whether tracked
  *   stress_c report tracked|untracked
  *                              three blocks, two top reports, a trace dump
  *   stress_c oom|oom-fault     allocation failure (with libfailing.so)
@@ -28,10 +29,17 @@ void* atfork_early_kept(void);
 /* Runs from the executable's pre-initialisers, ahead of every library's
  * constructors and before the C library has set up environ. */
 static void* g_early_block;
+extern void* g_ctx __attribute__((weak));
+static void* volatile g_null;
+static bool g_early_context; /* free-null-first: the context exists after it */
 
 static void early(int argc, char** argv, char** envp) {
     (void)envp;
     if (argc >= 2 && strcmp(argv[1], "malloc-first") == 0) g_early_block = malloc(32);
+    if (argc >= 2 && strcmp(argv[1], "free-null-first") == 0) {
+        free(g_null);
+        g_early_context = &g_ctx != NULL && g_ctx != NULL;
+    }
     if (argc < 2 || strcmp(argv[1], "control-first") != 0) return;
     trvx_trace_dump();
     trvx_dump_alloc_stats(3);
@@ -217,7 +225,9 @@ int main(int argc, char** argv) {
         puts("atfork: ok");
         return 0;
     }
-    if (strcmp(mode, "control-first") == 0 || strcmp(mode, "malloc-first") == 0) {
+    if (strcmp(mode, "control-first") == 0 || strcmp(mode, "malloc-first") == 0 ||
+        strcmp(mode, "free-null-first") == 0) {
+        if (strcmp(mode, "free-null-first") == 0) CHECK(g_early_context, "free(NULL) built no context");
         void* p = malloc(10);
         puts(is_tracked(p, 10) ? "tracked" : "untracked");
         free(p);

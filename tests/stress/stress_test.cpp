@@ -220,7 +220,8 @@ TEST(Oom, FaultReportUnderRefusalStillStopsCleanly) {
 
 const std::string k_empty_trace = "\n----------uid to bt----------\n\n----------trace----------\n";
 
-// Every control function, or an allocation released later, from the
+// Every control function, an allocation released later, or free(NULL)
+// (which builds the context as any first call does), from the
 // executable's pre-initialisers, before the C library has set up environ:
 // the empty reports, byte for byte (on standard output if the log file's
 // name cannot be read yet); the process is tracked afterwards and the early
@@ -235,10 +236,12 @@ TEST(Hostile, CallsBeforeTheEnvironmentIsSetUpLeaveTrackingIntact) {
     EXPECT_TRUE((r.out == "tracked\nok\n" && log == reports) || (r.out == reports + "tracked\nok\n" && log.empty()))
         << r.describe() << "\n--- log ---\n" << log;
     EXPECT_EQ(r.err, "");
-    r = run_scenario({"stress_c", "malloc-first"}, tracked_env("stress_c", dir / "log", true));
-    ASSERT_TRUE(r.exited_ok()) << r.describe();
-    EXPECT_EQ(r.out, "tracked\nok\n");
-    EXPECT_EQ(r.err, "");
+    for (const char* first : {"malloc-first", "free-null-first"}) {
+        r = run_scenario({"stress_c", first}, tracked_env("stress_c", dir / "log", true));
+        ASSERT_TRUE(r.exited_ok()) << r.describe();
+        EXPECT_EQ(r.out, "tracked\nok\n");
+        EXPECT_EQ(r.err, "");
+    }
 }
 
 // Environment values that are empty, very long or not usable paths keep the

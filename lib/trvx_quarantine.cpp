@@ -1,5 +1,7 @@
 #include "trvx_quarantine.h"
 
+#include <pthread.h>
+
 #include "trvx_util.h"
 
 namespace tarvex {
@@ -17,11 +19,83 @@ constexpr unsigned k_sweep_every = 32;
 // How long, in bytes released after it was due, a block waits for its own
 // thread before a sweep gives it back.
 constexpr uint64_t k_sweep_after = 1 << 20;
+
+// Live threads per lane, and the lanes that have none (bit i: lane i). A
+// thread counts from its first release until it exits, which a key's
+// destructor tells.
+int g_lane_threads[quarantine::k_lanes];
+uint64_t g_orphan_lanes;
+pthread_key_t g_exit_key;
+bool g_exit_key_made;
+pthread_once_t g_exit_key_once = PTHREAD_ONCE_INIT;
+
+void lane_thread_exits(void* value) {
+    int lane = int(reinterpret_cast<uintptr_t>(value) - 1);
+    uint64_t bit = uint64_t(1) << lane;
+    if (__atomic_fetch_sub(&g_lane_threads[lane], 1, __ATOMIC_ACQ_REL) != 1) return;
+    __atomic_fetch_or(&g_orphan_lanes, bit, __ATOMIC_RELEASE);
+    // A thread that took the lane meanwhile keeps it its own.
+    if (__atomic_load_n(&g_lane_threads[lane], __ATOMIC_ACQUIRE) != 0)
+        __atomic_fetch_and(&g_orphan_lanes, ~bit, __ATOMIC_RELEASE);
+}
+
+void make_exit_key() { g_exit_key_made = pthread_key_create(&g_exit_key, lane_thread_exits) == 0; }
+
+// Neither call allocates for the first keys of a process; a later key's
+// value array comes from calloc, which passes through untracked inside the
+// library, and no lane lock is held here.
+void join_lane(int lane) {
+    if (__atomic_fetch_add(&g_lane_threads[lane], 1, __ATOMIC_ACQ_REL) == 0)
+        __atomic_fetch_and(&g_orphan_lanes, ~(uint64_t(1) << lane), __ATOMIC_RELEASE);
+    pthread_once(&g_exit_key_once, make_exit_key);
+    if (g_exit_key_made) pthread_setspecific(g_exit_key, reinterpret_cast<void*>(uintptr_t(lane) + 1));
+}
+
+__attribute__((noinline)) void take_a_lane() {
+    int lane = __atomic_fetch_add(&g_threads_seen, 1, __ATOMIC_RELAXED) & int(quarantine::k_lanes - 1);
+    join_lane(lane);
+    t_lane = lane;
+}
 }  // namespace
 
 quarantine::lane& quarantine::own_lane() {
-    if (t_lane < 0) t_lane = __atomic_fetch_add(&g_threads_seen, 1, __ATOMIC_RELAXED) & int(k_lanes - 1);
+    if (__builtin_expect(t_lane < 0, 0)) take_a_lane();
     return m_lanes[t_lane];
+}
+
+// The orphan lanes other than own that hold records.
+uint64_t quarantine::orphans_in_use(const lane& own) const {
+    uint64_t orphans = __atomic_load_n(&g_orphan_lanes, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(orphans == 0, 1)) return 0;
+    return orphans & ~lane_bit(own) & __atomic_load_n(&m_lanes_in_use, __ATOMIC_ACQUIRE);
+}
+
+// The due records of the given lanes, oldest release first, one at a time
+// under each lane's lock in turn (never two locks at once). all: also what
+// a forked child holds back.
+size_t quarantine::take_oldest(uint64_t lanes, uint64_t now, void** due, size_t max, bool all) {
+    if (!all && holds_inherited(now)) return 0;
+    size_t n = 0;
+    while (n < max && lanes != 0) {
+        lane* best = nullptr;
+        uint64_t best_age = k_quarantine_limit;
+        for (uint64_t rest = lanes; rest != 0; rest &= rest - 1) {
+            lane& l = m_lanes[__builtin_ctzll(rest)];
+            if (l.records.looks_empty()) continue;
+            uint64_t age = now - __atomic_load_n(&l.front_start, __ATOMIC_ACQUIRE);
+            if (age > best_age) {
+                best_age = age;
+                best = &l;
+            }
+        }
+        if (best == nullptr) break;
+        spin_guard guard(best->lock);
+        size_t taken = take_locked(*best, now, due + n, 1, true);
+        publish_front(*best);
+        if (taken == 0) lanes &= ~(uint64_t(1) << (best - m_lanes));  // emptied or taken meanwhile
+        n += taken;
+    }
+    return n;
 }
 
 // Strictly more than the limit released since the block entered, itself
@@ -59,21 +133,28 @@ size_t quarantine::take_locked(lane& l, uint64_t released, void** due, size_t ma
     return n;
 }
 
+// After a take outside the release path, which publishes its own lane's.
+void quarantine::publish_front(lane& l) {
+    if (!l.records.empty()) __atomic_store_n(&l.front_start, l.records.front().start, __ATOMIC_RELEASE);
+}
+
 // Kept under the lane's lock, so that the bit follows the lane's state; the
 // word changes only when a lane empties or stops being empty.
 void quarantine::mark_in_use(const lane& l, bool in_use) {
-    uint64_t bit = uint64_t(1) << (&l - m_lanes);
+    uint64_t bit = lane_bit(l);
     if (in_use)
         __atomic_fetch_or(&m_lanes_in_use, bit, __ATOMIC_RELAXED);
     else
         __atomic_fetch_and(&m_lanes_in_use, ~bit, __ATOMIC_RELAXED);
 }
 
-size_t quarantine::take_from(lane& l, void** due, size_t max, bool all) {
+size_t quarantine::take_from(lane& l, void** due, size_t max) {
     // A look without the lock first: most lanes of a process are empty.
     if (l.records.looks_empty()) return 0;
     spin_guard guard(l.lock);
-    return take_locked(l, released(), due, max, all);
+    size_t n = take_locked(l, released(), due, max);
+    publish_front(l);
+    return n;
 }
 
 // Gives back the due records of one other lane that holds records, in turn,
@@ -98,12 +179,18 @@ size_t quarantine::sweep_one(void** due, size_t max) {
     spin_guard guard(l.lock);
     uint64_t now = released();
     if (l.records.empty() || now - l.records.front().start <= k_quarantine_limit + k_sweep_after) return 0;
-    return take_locked(l, now, due, max);
+    size_t n = take_locked(l, now, due, max);
+    publish_front(l);
+    return n;
 }
 
+// While orphan lanes hold records, this lane's due records go back merged
+// with theirs, oldest first (take_oldest), after the push.
 size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, next_block& next) {
     lane& l = own_lane();
-    size_t n;
+    uint64_t orphans = orphans_in_use(l);
+    size_t n = 0;
+    uint64_t now;
     {
         spin_guard guard(l.lock);
         l.records.reserve_one();
@@ -112,29 +199,36 @@ size_t quarantine::enter_and_take(const block_info& bi, void** due, size_t max, 
         uint64_t start = __atomic_fetch_add(&m_released, bi.m_alloc_size, __ATOMIC_ACQ_REL);
         if (l.records.empty()) mark_in_use(l, true);
         l.records.push_back(record{bi, start});
-        n = take_locked(l, start + bi.m_alloc_size, due, max);
+        now = start + bi.m_alloc_size;
+        if (__builtin_expect(orphans == 0, 1)) n = take_locked(l, now, due, max);
         if (!l.records.empty()) {
-            next.addr = l.records.front().bi.m_addr;
-            next.alloc_size = l.records.front().bi.m_alloc_size;
+            const record& front = l.records.front();
+            next.addr = front.bi.m_addr;
+            next.alloc_size = front.bi.m_alloc_size;
+            __atomic_store_n(&l.front_start, front.start, __ATOMIC_RELEASE);
         }
     }
+    if (__builtin_expect(orphans != 0, 0)) n = take_oldest(orphans | lane_bit(l), now, due, max, false);
     if (n < max) n += sweep_one(due + n, max - n);
     return n;
 }
 
-// A thread that never released has no lane of its own yet, and gets none
-// here.
+// The oldest due block of any lane.
 void* quarantine::take_due() {
     void* p = nullptr;
-    if (t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1, true) != 0) return p;
-    for (lane& l : m_lanes)
-        if (take_from(l, &p, 1, true) != 0) return p;
-    return nullptr;
+    return take_oldest(__atomic_load_n(&m_lanes_in_use, __ATOMIC_ACQUIRE), released(), &p, 1, true) != 0 ? p
+                                                                                                        : nullptr;
 }
 
+// A thread that never released has no lane of its own yet, and gets none
+// here.
 void* quarantine::take_own_due() {
     void* p = nullptr;
-    return t_lane >= 0 && take_from(m_lanes[t_lane], &p, 1, false) != 0 ? p : nullptr;
+    if (t_lane < 0) return nullptr;
+    lane& l = m_lanes[t_lane];
+    if (uint64_t orphans = orphans_in_use(l))
+        return take_oldest(orphans | lane_bit(l), released(), &p, 1, false) != 0 ? p : nullptr;
+    return take_from(l, &p, 1) != 0 ? p : nullptr;
 }
 
 // An address is in the lanes at most once: its block stays allocated until
@@ -173,9 +267,18 @@ void quarantine::unlock_all() {
     for (lane& l : m_lanes) l.lock.unlock();
 }
 
+// Only the forking thread goes on in the child: every other lane is an
+// orphan there (still held back as inherited, see holds_inherited).
 void quarantine::mark_fork_child() {
     m_fork_released = m_released;
     m_inherited_held = m_lanes_in_use != 0;
+    uint64_t orphans = ~uint64_t(0);
+    for (int& threads : g_lane_threads) threads = 0;
+    if (t_lane >= 0) {
+        g_lane_threads[t_lane] = 1;
+        orphans &= ~(uint64_t(1) << t_lane);
+    }
+    __atomic_store_n(&g_orphan_lanes, orphans, __ATOMIC_RELEASE);
 }
 
 }  // namespace tarvex

@@ -21,6 +21,13 @@
 // same: find() does not report it, bytes() and count() do not count it. A
 // forked child leaves its parent's due records waiting until its own first
 // record is due (holds_inherited).
+//
+// A lane whose threads have all exited (or, in a forked child, do not exist)
+// is an orphan: nobody of its own will give its records back. Every release
+// then gives back the due records of the orphan lanes together with those of
+// its own lane, oldest release first, as one queue drained by that release
+// would: a program whose releasing threads come and go (a worker that is
+// joined, a child) gets its blocks back at the release that pushes them out.
 #pragma once
 
 #include <cstddef>
@@ -55,10 +62,10 @@ public:
         size_t alloc_size = 0;
     };
     size_t enter_and_take(const block_info& bi, void** due, size_t max, next_block& next);
-    // One due block, the calling thread's lane's first, then any lane's;
-    // null when none is due.
+    // The oldest due block of any lane; null when none is due.
     void* take_due();
-    // One due block of the calling thread's lane, or null.
+    // The oldest due block of the calling thread's lane and of the orphan
+    // lanes, or null.
     void* take_own_due();
     // The record of addr while its block is in the quarantine.
     bool find(void* addr, block_info& out);
@@ -85,14 +92,21 @@ private:
     struct alignas(64) lane {
         spin_lock lock;
         ring<record> records;
+        // The start of the oldest record, stored under the lock whenever it
+        // changes, for releases that look into orphan lanes without it.
+        uint64_t front_start = 0;
     };
 
     lane& own_lane();
+    uint64_t orphans_in_use(const lane& own) const;
+    size_t take_oldest(uint64_t lanes, uint64_t now, void** due, size_t max, bool all);
+    uint64_t lane_bit(const lane& l) const { return uint64_t(1) << (&l - m_lanes); }
+    static void publish_front(lane& l);
     uint64_t released() const { return __atomic_load_n(&m_released, __ATOMIC_ACQUIRE); }
     static bool is_due(const record& r, uint64_t released);
     bool holds_inherited(uint64_t released);
     size_t take_locked(lane& l, uint64_t released, void** due, size_t max, bool all = false);
-    size_t take_from(lane& l, void** due, size_t max, bool all);
+    size_t take_from(lane& l, void** due, size_t max);
     size_t sweep_one(void** due, size_t max);
     void mark_in_use(const lane& l, bool in_use);
 

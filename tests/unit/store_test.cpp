@@ -3,7 +3,9 @@
 // recording and the trace dump.
 #include <algorithm>
 #include <cstring>
+#include <future>
 #include <map>
+#include <thread>
 
 #include "unit_support.h"
 
@@ -233,25 +235,55 @@ TEST_F(Store, QuarantineHoldsItsLimitAcrossTheCountsWrap) {
 }
 
 // Another thread's releases wait in a lane of their own. Nobody drains here:
-// the release path alone gives back the quiet thread's blocks, a little
-// after they are due, once each and in their order.
-TEST_F(Store, ReleasesOfOtherThreadsSweepAQuietThreadsDueBlocks) {
-    std::thread([&] {
-        for (int i = 0; i < 4; ++i) {
-            block_info bi = make_block(fake_addr(i), 1000, 1, 2);
-            stats.delayed_free(bi);
-        }
-    }).join();
+// the release path alone gives back (release_as_the_path_does) the blocks
+// of a thread that is quiet but alive a little after they are due, once each
+// and in their order; those of a thread that has exited at the very release
+// that pushes them out, in release order with the releasing thread's own.
+TEST_F(Store, ReleasesOfOtherThreadsGiveBackQuietAndExitedThreadsBlocks) {
+    auto release_as_the_path_does = [&](void* addr, size_t size) {
+        block_info bi = make_block(addr, size, 1, 2);
+        void* due[16];
+        std::vector<void*> out(due, due + stats.delayed_free_and_take(bi, due, 16));
+        if (out.size() == 16)
+            while (void* p = stats.get_next_own_to_free()) out.push_back(p);
+        return out;
+    };
+    std::promise<void> released, done;
+    std::thread quiet([&] {
+        for (int i = 0; i < 4; ++i) release_as_the_path_does(fake_addr(i), 1000);
+        released.set_value();
+        done.get_future().wait();
+    });
+    released.get_future().wait();
     std::vector<void*> given_back, theirs;
     for (int i = 0; i < 8192 + 1000; ++i) {
-        block_info bi = make_block(fake_addr(100 + i), 1000, 1, 2);
-        void* due[16];
-        given_back.insert(given_back.end(), due, due + stats.delayed_free_and_take(bi, due, 16));
+        std::vector<void*> out = release_as_the_path_does(fake_addr(100 + i), 1000);
+        given_back.insert(given_back.end(), out.begin(), out.end());
     }
+    done.set_value();
+    quiet.join();
     for (void* p : given_back)
         if (p < fake_addr(100)) theirs.push_back(p);
     EXPECT_EQ(theirs, (std::vector<void*>{fake_addr(0), fake_addr(1), fake_addr(2), fake_addr(3)}));
     EXPECT_EQ(given_back.size(), 4 + 1000u);
+
+    // One block over the limit pushes out everything, and then itself.
+    EXPECT_EQ(release_as_the_path_does(fake_addr(20000), tarvex::k_quarantine_limit).back(), fake_addr(20000));
+    std::vector<void*> order{fake_addr(30000)};  // 1280 bytes, like all but the last
+    ASSERT_TRUE(release_as_the_path_does(order.back(), 1000).empty());
+    std::thread([&] {
+        for (int i = 0; i < 8190; ++i) {
+            order.push_back(fake_addr(40000 + i));
+            release_as_the_path_does(order.back(), 1000);
+        }
+    }).join();
+    for (int i = 0; i < 3; ++i) order.push_back(fake_addr(30001 + i));
+    EXPECT_TRUE(release_as_the_path_does(order[8191], 1000).empty());  // exactly 10 MiB
+    EXPECT_EQ(release_as_the_path_does(order[8192], 1000), std::vector<void*>{order[0]});
+    EXPECT_EQ(release_as_the_path_does(order[8193], 1000), std::vector<void*>{order[1]});
+    order.push_back(fake_addr(30004));
+    std::vector<void*> rest(order.begin() + 2, order.end());
+    EXPECT_EQ(release_as_the_path_does(order.back(), tarvex::k_quarantine_limit), rest);
 }
 
 std::vector<uint32_t> traced_uids(const mem_stats& stats) {

@@ -409,30 +409,38 @@ rule lookup_rule(uintptr_t pc) {
 // ---------------------------------------------------------------- walk
 
 // Each thread keeps the rules of the return addresses it met last in a small
-// direct-mapped table of its own: a walk through hot code reads one line of
-// the thread's own memory per frame instead of a slot of the shared cache
-// and its sequence counter. A change of the shared generation (code
-// unloaded) empties it before its next use. A walk that starts while the
-// thread's table is in use (from a signal handler that interrupted a walk)
-// reads the shared cache only.
-constexpr size_t k_thread_slots = 128;
+// table of its own: a walk through hot code reads one line of the thread's
+// own memory per frame instead of a slot of the shared cache and its
+// sequence counter. The table has two ways per set: with one, two return
+// addresses of a hot path that happened to share a slot (one chance in three
+// for a dozen addresses in 128 slots, decided by where the code was loaded)
+// would evict each other on every walk. A new rule goes into the first way
+// and moves the older one to the second. A change of the shared generation
+// (code unloaded) empties the table before its next use. A walk that starts
+// while the thread's table is in use (from a signal handler that interrupted
+// a walk) reads the shared cache only.
+constexpr size_t k_thread_sets = 128;
 struct thread_rules {
     uint64_t generation;
     bool busy;
-    struct {
+    struct way {
         uintptr_t key;
         uint64_t value;
-    } slots[k_thread_slots];
+    };
+    struct alignas(32) set {
+        way ways[2];
+    } sets[k_thread_sets];
 };
 __thread thread_rules t_rules __attribute__((tls_model("initial-exec")));
 
 rule thread_rule(thread_rules* tr, uintptr_t pc) {
     if (tr == nullptr) return lookup_rule(pc);
-    auto& e = tr->slots[(pc * 0x9E3779B97F4A7C15ULL) >> 57];
-    if (e.key == pc) return unpack(e.value);
+    auto& s = tr->sets[(pc * 0x9E3779B97F4A7C15ULL) >> 57];
+    if (s.ways[0].key == pc) return unpack(s.ways[0].value);
+    if (s.ways[1].key == pc) return unpack(s.ways[1].value);
     rule r = lookup_rule(pc);
-    e.key = pc;
-    e.value = pack(r);
+    s.ways[1] = s.ways[0];
+    s.ways[0] = {pc, pack(r)};
     return r;
 }
 
@@ -443,7 +451,7 @@ thread_rules* claim_thread_rules() {
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
     if (tr->generation != gen) {
-        memset(tr->slots, 0, sizeof tr->slots);
+        memset(tr->sets, 0, sizeof tr->sets);
         tr->generation = gen;
     }
     return tr;

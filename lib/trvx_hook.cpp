@@ -604,6 +604,7 @@ __attribute__((noinline)) bool free_enter(void* ptr, void* caller) {
     }
     // The registry's line for ptr is fetched while the stack is captured.
     stats().m_block_info_map.prefetch(ptr);
+    stats().m_delayed_free_queue.prefetch_count();
     return true;
 }
 
@@ -660,7 +661,10 @@ __attribute__((noinline)) bool realloc_enter(void* ptr, size_t size, void* calle
     } else {
         // The registry's line for the old block is fetched while the stack
         // is captured and the new block is made.
-        if (ptr != nullptr) stats().m_block_info_map.prefetch(ptr);
+        if (ptr != nullptr) {
+            stats().m_block_info_map.prefetch(ptr);
+            stats().m_delayed_free_queue.prefetch_count();
+        }
         return true;
     }
     return false;

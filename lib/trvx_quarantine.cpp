@@ -1,5 +1,6 @@
 #include "trvx_quarantine.h"
 
+#include <cpuid.h>
 #include <pthread.h>
 
 #include "trvx_util.h"
@@ -57,6 +58,11 @@ __attribute__((noinline)) void take_a_lane() {
     t_lane = lane;
 }
 }  // namespace
+
+quarantine::quarantine() {
+    unsigned eax, ebx, ecx, edx;
+    m_prefetchw = __get_cpuid(0x80000001, &eax, &ebx, &ecx, &edx) != 0 && (ecx & bit_PRFCHW) != 0;
+}
 
 quarantine::lane& quarantine::own_lane() {
     if (__builtin_expect(t_lane < 0, 0)) take_a_lane();

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <link.h>
+#include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -408,21 +410,25 @@ rule lookup_rule(uintptr_t pc) {
 
 // ---------------------------------------------------------------- walk
 
-// Each thread keeps the rules of the return addresses it met last in a small
-// table of its own: a walk through hot code reads one line of the thread's
-// own memory per frame instead of a slot of the shared cache and its
-// sequence counter. The table has two ways per set: with one, two return
-// addresses of a hot path that happened to share a slot (one chance in three
-// for a dozen addresses in 128 slots, decided by where the code was loaded)
+// Each thread of the target keeps the rules of the return addresses it met
+// last in a table of its own: a walk through hot code reads one line of the
+// thread's own memory per frame instead of a slot of the shared cache and
+// its sequence counter. The table has 512 sets of two ways: an interpreter's
+// walks meet a few thousand return addresses, and with 128 sets six times as
+// many of its lookups missed; with one way, two return addresses of a hot
+// path that happened to share a slot (decided by where the code was loaded)
 // would evict each other on every walk. A new rule goes into the first way
-// and moves the older one to the second. A change of the shared generation
-// (code unloaded) empties the table before its next use. A walk that starts
-// while the thread's table is in use (from a signal handler that interrupted
-// a walk) reads the shared cache only.
-constexpr size_t k_thread_sets = 128;
+// and moves the older one to the second.
+//
+// The table (16 KiB) is mapped at the thread's first walk and unmapped when
+// the thread exits, so that threads of other processes, and threads that
+// never allocate, carry nothing but three words of thread-local storage. A
+// change of the shared generation (code unloaded) empties it before its
+// next use. A walk that starts while the thread's table is in use (from a
+// signal handler that interrupted a walk), or in a thread whose table could
+// not be mapped or is already given back, reads the shared cache only.
+constexpr size_t k_thread_sets = 512;
 struct thread_rules {
-    uint64_t generation;
-    bool busy;
     struct way {
         uintptr_t key;
         uint64_t value;
@@ -431,11 +437,46 @@ struct thread_rules {
         way ways[2];
     } sets[k_thread_sets];
 };
-__thread thread_rules t_rules __attribute__((tls_model("initial-exec")));
+__thread thread_rules* t_rules __attribute__((tls_model("initial-exec")));
+__thread uint64_t t_rules_generation __attribute__((tls_model("initial-exec")));
+// Set while a walk uses the table; for good once the table is given back or
+// could not be made.
+__thread bool t_rules_busy __attribute__((tls_model("initial-exec")));
+
+pthread_key_t g_rules_key;
+bool g_rules_key_made;
+pthread_once_t g_rules_key_once = PTHREAD_ONCE_INIT;
+
+// At the thread's exit: later walks of the thread (other keys' destructors
+// may still allocate) read the shared cache only.
+void drop_thread_rules(void* table) {
+    t_rules_busy = true;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    t_rules = nullptr;
+    munmap(table, sizeof(thread_rules));
+}
+
+void make_rules_key() { g_rules_key_made = pthread_key_create(&g_rules_key, drop_thread_rules) == 0; }
+
+// Called with t_rules_busy set, inside the library (the key's value array,
+// past the first keys, comes from calloc and passes through untracked).
+__attribute__((noinline)) thread_rules* make_thread_rules() {
+    pthread_once(&g_rules_key_once, make_rules_key);
+    if (!g_rules_key_made) return nullptr;
+    void* m = mmap(nullptr, sizeof(thread_rules), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) return nullptr;
+    if (pthread_setspecific(g_rules_key, m) != 0) {
+        munmap(m, sizeof(thread_rules));
+        return nullptr;
+    }
+    // Empty as mapped: valid for whatever generation is current.
+    t_rules_generation = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
+    return static_cast<thread_rules*>(m);
+}
 
 rule thread_rule(thread_rules* tr, uintptr_t pc) {
     if (tr == nullptr) return lookup_rule(pc);
-    auto& s = tr->sets[(pc * 0x9E3779B97F4A7C15ULL) >> 57];
+    auto& s = tr->sets[(pc * 0x9E3779B97F4A7C15ULL) >> 55];
     if (s.ways[0].key == pc) return unpack(s.ways[0].value);
     if (s.ways[1].key == pc) return unpack(s.ways[1].value);
     rule r = lookup_rule(pc);
@@ -445,14 +486,20 @@ rule thread_rule(thread_rules* tr, uintptr_t pc) {
 }
 
 thread_rules* claim_thread_rules() {
-    thread_rules* tr = &t_rules;
-    if (tr->busy) return nullptr;
-    tr->busy = true;
+    if (t_rules_busy) return nullptr;
+    t_rules_busy = true;
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    thread_rules* tr = t_rules;
+    if (__builtin_expect(tr == nullptr, 0)) {
+        tr = make_thread_rules();
+        // Without a table the thread stays busy: no later walk tries again.
+        if (tr == nullptr) return nullptr;
+        t_rules = tr;
+    }
     uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
-    if (tr->generation != gen) {
+    if (t_rules_generation != gen) {
         memset(tr->sets, 0, sizeof tr->sets);
-        tr->generation = gen;
+        t_rules_generation = gen;
     }
     return tr;
 }
@@ -460,7 +507,7 @@ thread_rules* claim_thread_rules() {
 void release_thread_rules(thread_rules* tr) {
     if (tr == nullptr) return;
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
-    tr->busy = false;
+    t_rules_busy = false;
 }
 
 // 0..n: count; -1: fall back on glibc. The stack's uid goes to uid.

@@ -1,8 +1,8 @@
 #include "trvx_quarantine.h"
 
 #include <cpuid.h>
-#include <pthread.h>
 
+#include "trvx_thread_exit.h"
 #include "trvx_util.h"
 
 namespace tarvex {
@@ -26,9 +26,6 @@ constexpr uint64_t k_sweep_after = 1 << 20;
 // destructor tells.
 int g_lane_threads[quarantine::k_lanes];
 uint64_t g_orphan_lanes;
-pthread_key_t g_exit_key;
-bool g_exit_key_made;
-pthread_once_t g_exit_key_once = PTHREAD_ONCE_INIT;
 
 void lane_thread_exits(void* value) {
     int lane = int(reinterpret_cast<uintptr_t>(value) - 1);
@@ -40,16 +37,11 @@ void lane_thread_exits(void* value) {
         __atomic_fetch_and(&g_orphan_lanes, ~bit, __ATOMIC_RELEASE);
 }
 
-void make_exit_key() { g_exit_key_made = pthread_key_create(&g_exit_key, lane_thread_exits) == 0; }
-
-// Neither call allocates for the first keys of a process; a later key's
-// value array comes from calloc, which passes through untracked inside the
-// library, and no lane lock is held here.
+// No lane lock is held here.
 void join_lane(int lane) {
     if (__atomic_fetch_add(&g_lane_threads[lane], 1, __ATOMIC_ACQ_REL) == 0)
         __atomic_fetch_and(&g_orphan_lanes, ~(uint64_t(1) << lane), __ATOMIC_RELEASE);
-    pthread_once(&g_exit_key_once, make_exit_key);
-    if (g_exit_key_made) pthread_setspecific(g_exit_key, reinterpret_cast<void*>(uintptr_t(lane) + 1));
+    thread_exit_key<lane_thread_exits>::set(reinterpret_cast<void*>(uintptr_t(lane) + 1));
 }
 
 __attribute__((noinline)) void take_a_lane() {

@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <link.h>
-#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "trvx_thread_exit.h"
 #include "trvx_uid.h"
 
 extern "C" {
@@ -443,10 +443,6 @@ __thread uint64_t t_rules_generation __attribute__((tls_model("initial-exec")));
 // could not be made.
 __thread bool t_rules_busy __attribute__((tls_model("initial-exec")));
 
-pthread_key_t g_rules_key;
-bool g_rules_key_made;
-pthread_once_t g_rules_key_once = PTHREAD_ONCE_INIT;
-
 // At the thread's exit: later walks of the thread (other keys' destructors
 // may still allocate) read the shared cache only.
 void drop_thread_rules(void* table) {
@@ -456,16 +452,11 @@ void drop_thread_rules(void* table) {
     munmap(table, sizeof(thread_rules));
 }
 
-void make_rules_key() { g_rules_key_made = pthread_key_create(&g_rules_key, drop_thread_rules) == 0; }
-
-// Called with t_rules_busy set, inside the library (the key's value array,
-// past the first keys, comes from calloc and passes through untracked).
+// Called with t_rules_busy set, inside the library.
 __attribute__((noinline)) thread_rules* make_thread_rules() {
-    pthread_once(&g_rules_key_once, make_rules_key);
-    if (!g_rules_key_made) return nullptr;
     void* m = mmap(nullptr, sizeof(thread_rules), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) return nullptr;
-    if (pthread_setspecific(g_rules_key, m) != 0) {
+    if (!thread_exit_key<drop_thread_rules>::set(m)) {
         munmap(m, sizeof(thread_rules));
         return nullptr;
     }

@@ -420,14 +420,51 @@ rule lookup_rule(uintptr_t pc) {
 // would evict each other on every walk. A new rule goes into the first way
 // and moves the older one to the second.
 //
-// The table (16 KiB) is mapped at the thread's first walk and unmapped when
-// the thread exits, so that threads of other processes, and threads that
-// never allocate, carry nothing but three words of thread-local storage. A
-// change of the shared generation (code unloaded) empties it before its
-// next use. A walk that starts while the thread's table is in use (from a
-// signal handler that interrupted a walk), or in a thread whose table could
-// not be mapped or is already given back, reads the shared cache only.
+// The table (16 KiB; 24 KiB with the kept walks below) is mapped at the
+// thread's first walk and unmapped when the thread exits, so that threads of
+// other processes, and threads that never allocate, carry nothing but three
+// words of thread-local storage. A change of the shared generation (code
+// unloaded) empties it, kept walks included, before its next use. A walk
+// that starts while the thread's table is in use (from a signal handler that
+// interrupted a walk), or in a thread whose table could not be mapped or is
+// already given back, reads the shared cache only.
 constexpr size_t k_thread_sets = 512;
+
+// The last few walks of the thread, each kept with every stack word it read
+// and used, in the order it read them. The walk is a function of its start
+// (return address, stack pointer, frame pointer when a frame base used it),
+// of the rules (fixed within a generation) and of these words: when they all
+// still hold the same values, walking again would give the same frames and
+// the same uid, so both are copied instead. The check stops at the first
+// word that differs, so it reads only words that the walk itself would read.
+// A thread's calls into malloc and free from a loop repeat the same few
+// stacks; the check is a run of independent loads where the walk is a chain
+// of dependent ones (each frame's base needs the one before), and the uid's
+// chain of multiplications is not run at all. Several kept walks may start
+// at the same place (one internal function captures for several entry
+// points); a capture tries each. 80 words cover a walk of 64 frames whose
+// frame pointers matter in a quarter of them; a longer record is not kept.
+constexpr int k_memo_entries = 4;
+constexpr int k_memo_reads = 80;
+struct memo_entry {
+    struct word {
+        uintptr_t addr;
+        uintptr_t value;
+    };
+    int32_t max;
+    int32_t n;
+    int32_t nreads;
+    uint32_t uid;
+    bool fp_used;  // a frame base was computed from the starting frame pointer
+    uintptr_t fp;
+    word reads[k_memo_reads];
+    void* frames[k_uid_frames];
+};
+struct memo_key {
+    uintptr_t pc;  // 0: empty
+    uintptr_t sp;
+};
+
 struct thread_rules {
     struct way {
         uintptr_t key;
@@ -436,6 +473,9 @@ struct thread_rules {
     struct alignas(32) set {
         way ways[2];
     } sets[k_thread_sets];
+    alignas(64) memo_key memo_keys[k_memo_entries];
+    uint32_t memo_next;
+    memo_entry memo[k_memo_entries];
 };
 __thread thread_rules* t_rules __attribute__((tls_model("initial-exec")));
 __thread uint64_t t_rules_generation __attribute__((tls_model("initial-exec")));
@@ -490,6 +530,7 @@ thread_rules* claim_thread_rules() {
     uint64_t gen = __atomic_load_n(&g_generation, __ATOMIC_ACQUIRE);
     if (t_rules_generation != gen) {
         memset(tr->sets, 0, sizeof tr->sets);
+        memset(tr->memo_keys, 0, sizeof tr->memo_keys);
         t_rules_generation = gen;
     }
     return tr;
@@ -501,29 +542,119 @@ void release_thread_rules(thread_rules* tr) {
     t_rules_busy = false;
 }
 
-// 0..n: count; -1: fall back on glibc. The stack's uid goes to uid.
-int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid) {
-    thread_rules* tr = claim_thread_rules();
+// ---------------------------------------------------------------- memo of walks
+
+// The kept walk that starts where this one does and whose words still hold,
+// or -1.
+int replay(thread_rules* tr, void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid) {
+    for (int k = 0; k < k_memo_entries; ++k) {
+        if (tr->memo_keys[k].pc != pc || tr->memo_keys[k].sp != sp) continue;
+        const memo_entry& e = tr->memo[k];
+        if (e.max != max || (e.fp_used && e.fp != fp)) continue;
+        int i = 0;
+        while (i < e.nreads && *reinterpret_cast<const uintptr_t*>(e.reads[i].addr) == e.reads[i].value) ++i;
+        if (i < e.nreads) continue;
+        memcpy(frames, e.frames, sizeof(void*) * size_t(e.n));
+        uid = e.uid;
+        return e.n;
+    }
+    return -1;
+}
+
+// Writes a walk into an entry of the memo while it runs (or nothing, when
+// the thread has no table). The entry is taken out of the keys first and
+// given its key only once the walk has ended within its capacity.
+template <bool Keep>
+struct recorder {
+    memo_entry* e = nullptr;
+    int nreads = 0;
+    bool fp_used = false;
+    uintptr_t fp_from = 0;  // where the frame pointer was last read; 0: the register
+    bool fp_kept = true;    // the frame pointer's word is among the reads
+
+    void read(uintptr_t addr, uintptr_t value) {
+        if (!Keep) return;
+        if (nreads < k_memo_reads) e->reads[nreads] = {addr, value};
+        ++nreads;
+    }
+    // A frame base is computed from the frame pointer fp.
+    void use_fp(uintptr_t fp) {
+        if (!Keep || fp_kept) return;
+        fp_kept = true;
+        if (fp_from == 0)
+            fp_used = true;
+        else
+            read(fp_from, fp);
+    }
+    // The frame pointer is reloaded from addr.
+    void load_fp(uintptr_t addr) {
+        fp_from = addr;
+        fp_kept = false;
+    }
+};
+
+template <bool Keep>
+int walk_frames(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid,
+                thread_rules* tr, recorder<Keep>& rec) {
+    rec.fp_kept = false;
     uid = pc;
     int n = 0;
     uintptr_t prev_pc = 0, prev_sp = 0;
     while (n < max) {
         if (n > 0 && pc == prev_pc && sp == prev_sp) break;  // no progress: the walk ends here
         rule r = thread_rule(tr, pc);
-        if (r.kind == k_unsupported) {
-            n = -1;
-            break;
-        }
+        if (r.kind == k_unsupported) return -1;
         if (n < k_uid_frames) uid = uid_step(uid, n, reinterpret_cast<void*>(pc));
         frames[n++] = reinterpret_cast<void*>(pc);
-        if (r.kind != k_step) break;
+        // At max the walk ends without reading the next frame's words.
+        if (r.kind != k_step || n == max) break;
+        if (r.cfa_rbp) rec.use_fp(fp);
         uintptr_t cfa = (r.cfa_rbp ? fp : sp) + intptr_t(r.cfa_off);
         prev_pc = pc;
         prev_sp = sp;
         pc = *reinterpret_cast<const uintptr_t*>(cfa - 8);
-        if (r.rbp_saved) fp = *reinterpret_cast<const uintptr_t*>(cfa + intptr_t(r.rbp_off));
+        rec.read(cfa - 8, pc);
+        if (r.rbp_saved) {
+            fp = *reinterpret_cast<const uintptr_t*>(cfa + intptr_t(r.rbp_off));
+            rec.load_fp(cfa + intptr_t(r.rbp_off));
+        }
         sp = cfa;
         if (pc == 0) break;
+    }
+    return n;
+}
+
+// Walks and keeps the result in the memo's next entry.
+int walk_and_keep(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid,
+                  thread_rules* tr) {
+    int k = int(tr->memo_next++ % k_memo_entries);
+    tr->memo_keys[k].pc = 0;
+    memo_entry& e = tr->memo[k];
+    recorder<true> rec;
+    rec.e = &e;
+    int n = walk_frames(frames, max, pc, sp, fp, uid, tr, rec);
+    if (n <= 0 || n > k_uid_frames || rec.nreads > k_memo_reads) return n;
+    e.max = max;
+    e.n = n;
+    e.nreads = rec.nreads;
+    e.uid = uint32_t(uid);
+    e.fp_used = rec.fp_used;
+    e.fp = fp;
+    memcpy(e.frames, frames, sizeof(void*) * size_t(n));
+    tr->memo_keys[k] = {pc, sp};
+    return n;
+}
+
+// 0..n: count; -1: fall back on glibc. The stack's uid goes to uid.
+int walk(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid) {
+    thread_rules* tr = claim_thread_rules();
+    int n;
+    if (tr == nullptr) {
+        recorder<false> rec;
+        n = walk_frames(frames, max, pc, sp, fp, uid, tr, rec);
+    } else {
+        n = replay(tr, frames, max, pc, sp, fp, uid);
+        if (n < 0) n = walk_and_keep(frames, max, pc, sp, fp, uid, tr);
     }
     release_thread_rules(tr);
     return n;

@@ -8,16 +8,18 @@
 #include <signal.h>
 
 #include "trvx_unwind.h"
+#include "trvx_util.h"
 
 namespace {
 
 struct captures {
     void *fast[64], *slow[64];
     int fast_count = 0, slow_count = 0, max = 64;
+    uint32_t uid = 0;
 };
 
 __attribute__((noinline)) void capture_both(captures& c) {
-    c.fast_count = tarvex::trvx_capture_stack(c.fast, c.max);
+    c.fast_count = tarvex::trvx_capture_stack(c.fast, c.max, &c.uid);
     c.slow_count = ::backtrace(c.slow, c.max);
     __asm__ volatile("" ::: "memory");
 }
@@ -34,7 +36,7 @@ bool agree(const captures& c) {
     if (c.fast_count != c.slow_count || c.fast_count > c.max) return false;
     for (int i = 1; i < c.fast_count; ++i)
         if (c.fast[i] != c.slow[i]) return false;
-    return true;
+    return c.uid == tarvex::stack_uid(c.fast, c.fast_count);
 }
 
 // At a thread's exit, after the capture has given back the thread's own
@@ -72,6 +74,84 @@ TEST(Capture, AgreesWithGlibcAtEveryDepthAndCapacityOnManyThreadsAndAtTheirExit)
     for (int i = 0; i < 4; ++i) pthread_create(&threads[i], nullptr, all_depths, &failures[i]);
     for (pthread_t t : threads) pthread_join(t, nullptr);
     for (int f : failures) EXPECT_EQ(f, 0);
+}
+
+// Callers of one shape reached from one call site: the captures start at the
+// same return address and stack pointer and differ only further out, so a
+// capture that took a thread's earlier stack for this one would show here.
+// Seven stacks, taken in turns, are more than a thread keeps at once.
+#define SAME_SHAPE_CALLER(k)                         \
+    __attribute__((noinline)) void caller_##k(captures& c) { \
+        recurse(c, 2);                               \
+        __asm__ volatile("" ::: "memory");           \
+    }
+SAME_SHAPE_CALLER(0)
+SAME_SHAPE_CALLER(1)
+SAME_SHAPE_CALLER(2)
+SAME_SHAPE_CALLER(3)
+SAME_SHAPE_CALLER(4)
+SAME_SHAPE_CALLER(5)
+SAME_SHAPE_CALLER(6)
+void (*const g_callers[])(captures&) = {caller_0, caller_1, caller_2, caller_3, caller_4, caller_5, caller_6};
+
+TEST(Capture, RepeatedStartsWithDifferentCallersGiveEachCallersStack) {
+    void* seen[7] = {};
+    for (int round = 0; round < 50; ++round) {
+        for (int i : {0, 1, 0, 2, 0, 1, 3, 4, 5, 6, 2}) {
+            captures c;
+            g_callers[i](c);
+            ASSERT_TRUE(agree(c)) << "round " << round << " caller " << i;
+            ASSERT_GT(c.fast_count, 5);
+            if (seen[i] == nullptr) seen[i] = c.fast[4];
+            EXPECT_EQ(c.fast[4], seen[i]);
+        }
+    }
+    for (int i = 1; i < 7; ++i) EXPECT_NE(seen[i], seen[0]);
+}
+
+// Frames whose bases come from the frame pointer: each mover makes room on
+// the stack and moved() takes the same amount back, so every capture starts
+// at the same stack pointer while moved()'s frame sits elsewhere, found
+// through the frame pointer register itself (direct) or through the one that
+// fixed_frame() saved. The words of the other mover's earlier frame stay
+// behind on the stack.
+volatile int g_pad = 16;
+__attribute__((noinline)) void fixed_frame(captures& c) {
+    char* p = static_cast<char*>(__builtin_alloca(g_pad));
+    __asm__ volatile("" ::"r"(p) : "memory");
+    recurse(c, 1);
+    __asm__ volatile("" ::: "memory");
+}
+__attribute__((noinline)) void moved(captures& c, int room, bool direct) {
+    char* p = static_cast<char*>(__builtin_alloca(room));
+    __asm__ volatile("" ::"r"(p) : "memory");
+    if (direct)
+        recurse(c, 1);
+    else
+        fixed_frame(c);
+    __asm__ volatile("" ::: "memory");
+}
+#define MOVER(k)                                                       \
+    __attribute__((noinline)) void mover_##k(captures& c, int room, bool direct) { \
+        char* p = static_cast<char*>(__builtin_alloca(512 - room));    \
+        __asm__ volatile("" ::"r"(p) : "memory");                     \
+        moved(c, room, direct);                                        \
+        __asm__ volatile("" ::: "memory");                            \
+    }
+MOVER(0)
+MOVER(1)
+void (*const g_movers[])(captures&, int, bool) = {mover_0, mover_1};
+
+TEST(Capture, RepeatedStartsWithFramesFoundThroughTheFramePointer) {
+    for (bool direct : {true, false}) {
+        for (int round = 0; round < 20; ++round) {
+            for (int i : {0, 1}) {
+                captures c;
+                g_movers[i](c, i * 256, direct);
+                ASSERT_TRUE(agree(c)) << "direct " << direct << " round " << round << " mover " << i;
+            }
+        }
+    }
 }
 
 captures g_captures;

@@ -570,7 +570,7 @@ struct recorder {
     int nreads = 0;
     bool fp_used = false;
     uintptr_t fp_from = 0;  // where the frame pointer was last read; 0: the register
-    bool fp_kept = true;    // the frame pointer's word is among the reads
+    bool fp_kept = false;   // the frame pointer's word is among the reads
 
     void read(uintptr_t addr, uintptr_t value) {
         if (!Keep) return;
@@ -596,7 +596,6 @@ struct recorder {
 template <bool Keep>
 int walk_frames(void** frames, int max, uintptr_t pc, uintptr_t sp, uintptr_t fp, uint64_t& uid,
                 thread_rules* tr, recorder<Keep>& rec) {
-    rec.fp_kept = false;
     uid = pc;
     int n = 0;
     uintptr_t prev_pc = 0, prev_sp = 0;

@@ -273,14 +273,19 @@ TEST_F(TopReport, StoreStaysExactWhileReportsAreWritten) {
     std::atomic<int> running{workers};
     const size_t cached_before = g_ctx->m_symbols.bt_cache_size();
     int dumps = 0;
+    // The workers start once the reports do, so that the two overlap however
+    // the threads are scheduled.
+    std::atomic<bool> reporting{false};
     unit::run_threads(workers + 1, [&](int w) {
         if (w == workers) {
-            for (; running.load() > 0 && dumps < 50; ++dumps) {
+            reporting = true;
+            for (; dumps == 0 || (running.load() > 0 && dumps < 50); ++dumps) {
                 stats.trace_dump();
                 stats.dump_alloc_stats(5);
             }
             return;
         }
+        while (!reporting.load()) std::this_thread::yield();
         result& res = results[size_t(w)];
         std::vector<tarvex::backtrace> stacks;
         for (int s = 0; s < sites; ++s) stacks.emplace_back(unit::fake_frames(6, uintptr_t(1000 + w * sites + s)));

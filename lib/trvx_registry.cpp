@@ -10,7 +10,6 @@ namespace tarvex {
 
 namespace {
 constexpr uintptr_t k_empty = 0;
-constexpr uintptr_t k_erased = 1;
 constexpr uintptr_t k_odd = uintptr_t(1) << 63;
 }  // namespace
 
@@ -39,25 +38,38 @@ block_registry::shard& block_registry::shard_of(shard* shards, uintptr_t addr) {
     return shards[group << 3 | hash(addr) >> 61];
 }
 
-// Slot of addr, or the slot where it would be inserted (the first erased one
-// on its probe sequence, else the empty one that ends it).
+// Slot of addr, or the empty slot that ends its probe sequence (where it
+// would be inserted).
 size_t block_registry::probe(const shard& s, uintptr_t addr) {
     size_t mask = s.capacity - 1;
     size_t i = hash(addr) & mask;
-    size_t first_erased = s.capacity;
     for (;;) {
         uintptr_t k = s.slots[i].key;
-        if (k == k_empty) return first_erased != s.capacity ? first_erased : i;
-        if ((k & ~k_odd) == addr) return i;
-        if (k == k_erased && first_erased == s.capacity) first_erased = i;
+        if (k == k_empty || (k & ~k_odd) == addr) return i;
         i = (i + 1) & mask;
     }
 }
 
-// Doubles the table (or rebuilds it at the same size when it is mostly
-// erased slots). Throws std::bad_alloc and changes nothing on failure.
+// Empties slot i without a tombstone: each later entry of the run whose
+// probe sequence passes through the hole moves back into it, so that no
+// sequence is broken and lookups probe only live entries.
+void block_registry::erase_slot(shard& s, size_t i) {
+    size_t mask = s.capacity - 1;
+    for (size_t j = (i + 1) & mask;; j = (j + 1) & mask) {
+        uintptr_t k = s.slots[j].key;
+        if (k == k_empty) break;
+        // The entry at j stays if its home lies cyclically in (i, j].
+        size_t home = hash(k & ~k_odd) & mask;
+        if (((j - home) & mask) < ((j - i) & mask)) continue;
+        s.slots[i] = s.slots[j];
+        i = j;
+    }
+    s.slots[i].key = k_empty;
+}
+
+// Doubles the table. Throws std::bad_alloc and changes nothing on failure.
 void block_registry::grow(shard& s) {
-    size_t capacity = s.capacity == 0 ? 64 : (s.live * 2 < s.capacity ? s.capacity : s.capacity * 2);
+    size_t capacity = s.capacity == 0 ? 64 : s.capacity * 2;
     entry* slots = static_cast<entry*>(next_malloc(capacity * sizeof(entry)));
     if (slots == nullptr) throw std::bad_alloc();
     memset(slots, 0, capacity * sizeof(entry));
@@ -66,13 +78,8 @@ void block_registry::grow(shard& s) {
     size_t old_capacity = s.capacity;
     __atomic_store_n(&s.slots, slots, __ATOMIC_RELAXED);
     __atomic_store_n(&s.capacity, capacity, __ATOMIC_RELAXED);
-    s.used = 0;
-    for (size_t i = 0; i < old_capacity; ++i) {
-        if (old_slots[i].key > k_erased) {
-            s.slots[probe(s, old_slots[i].key & ~k_odd)] = old_slots[i];
-            ++s.used;
-        }
-    }
+    for (size_t i = 0; i < old_capacity; ++i)
+        if (old_slots[i].key != k_empty) s.slots[probe(s, old_slots[i].key & ~k_odd)] = old_slots[i];
     next_free(old_slots);
 }
 
@@ -106,7 +113,7 @@ void block_registry::insert(const block_info& bi) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(bi.m_addr);
     shard& s = shard_of(m_shards, addr);
     spin_guard lock(s.mutex);
-    if ((s.used + 1) * 8 > s.capacity * 7) grow(s);
+    if ((s.live + 1) * 8 > s.capacity * 7) grow(s);
     bool odd = bi.m_alloc_size != bi.m_size + k_footer_size || bi.m_size > UINT32_MAX || bi.m_free_uid != 0;
     if (odd) {
         if (s.odd_records == nullptr) {
@@ -118,8 +125,7 @@ void block_registry::insert(const block_info& bi) {
     }
     size_t i = probe(s, addr);
     entry& e = s.slots[i];
-    if (e.key <= k_erased) {
-        if (e.key == k_empty) ++s.used;
+    if (e.key == k_empty) {
         ++s.live;
     } else if ((e.key & k_odd) && !odd && s.odd_records) {
         s.odd_records->erase(addr);
@@ -132,11 +138,12 @@ bool block_registry::remove(void* p, block_info& out) {
     shard& s = shard_of(m_shards, addr);
     spin_guard lock(s.mutex);
     if (s.live == 0) return false;
-    entry& e = s.slots[probe(s, addr)];
-    if (e.key <= k_erased) return false;
+    size_t i = probe(s, addr);
+    const entry& e = s.slots[i];
+    if (e.key == k_empty) return false;
     fill(s, e, out);
     if ((e.key & k_odd) && s.odd_records) s.odd_records->erase(addr);
-    e.key = k_erased;
+    erase_slot(s, i);
     --s.live;
     return true;
 }
@@ -147,7 +154,7 @@ bool block_registry::find(void* p, block_info& out) {
     spin_guard lock(s.mutex);
     if (s.live == 0) return false;
     const entry& e = s.slots[probe(s, addr)];
-    if (e.key <= k_erased) return false;
+    if (e.key == k_empty) return false;
     fill(s, e, out);
     return true;
 }

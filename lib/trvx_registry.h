@@ -70,7 +70,6 @@ private:
     // from the thread that holds the lock.
     struct alignas(64) shard {
         spin_lock mutex;
-        size_t used = 0;  // live and erased slots
         size_t live = 0;
         odd_map* odd_records = nullptr;
         alignas(64) entry* slots = nullptr;
@@ -81,6 +80,7 @@ private:
     static size_t hash(uintptr_t addr);
     static shard& shard_of(shard* shards, uintptr_t addr);
     static size_t probe(const shard& s, uintptr_t addr);
+    static void erase_slot(shard& s, size_t i);
     static void grow(shard& s);
     static void fill(const shard& s, const entry& e, block_info& out);
 

@@ -189,6 +189,49 @@ TEST_F(Store, UnusualRecordsAndManySites) {
     EXPECT_FALSE(stats.uid_counters(3000, count, size));
 }
 
+// Random registrations, re-registrations and removals of addresses packed
+// into one region, against a map: long runs of colliding entries form and
+// wrap around the tables' ends, and every removal closes its gap by moving
+// later entries back. Every address then is found exactly when the map has
+// it, with its record (unusual ones included).
+TEST(Registry, AgreesWithAMapThroughLongCollidingRunsAndRemovals) {
+    tarvex::block_registry registry;
+    std::map<void*, block_info> model;
+    uint64_t state = 12345;
+    auto next = [&state] {
+        state ^= state << 13, state ^= state >> 7, state ^= state << 17;
+        return state;
+    };
+    auto check = [&](void* addr) {
+        block_info out;
+        auto it = model.find(addr);
+        ASSERT_EQ(registry.find(addr, out), it != model.end()) << addr;
+        if (it != model.end()) expect_same_record(out, it->second);
+    };
+    for (int op = 0; op < 200000; ++op) {
+        void* addr = fake_addr(next() % 6000);
+        uint64_t r = next();
+        if (r % 5 < 3) {
+            block_info bi = make_block(addr, 1 + r % 900, uint32_t(r >> 32));
+            if (r % 97 == 0) bi.m_alloc_size += 16;
+            registry.insert(bi);
+            model[addr] = bi;
+        } else {
+            block_info out;
+            auto it = model.find(addr);
+            ASSERT_EQ(registry.remove(addr, out), it != model.end());
+            if (it != model.end()) {
+                expect_same_record(out, it->second);
+                model.erase(it);
+            }
+        }
+        if (op % 1000 == 0)
+            for (uintptr_t n = 0; n < 6000; ++n) check(fake_addr(n));
+    }
+    EXPECT_EQ(registry.size(), model.size());
+    for (uintptr_t n = 0; n < 6000; ++n) check(fake_addr(n));
+}
+
 // Ten large blocks and then many small ones: the queue grows while its
 // oldest records sit in the middle of its array, and the order holds. A
 // block of exactly the limit pushes out everything older and stays; the

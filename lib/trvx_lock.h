@@ -106,4 +106,19 @@ private:
     bool m_taken;
 };
 
+// A spin_guard that takes its lock only when asked to.
+class maybe_spin_guard {
+public:
+    maybe_spin_guard(spin_lock& l, bool take) : m_lock(l), m_taken(take && l.lock()) {}
+    ~maybe_spin_guard() {
+        if (m_taken) m_lock.unlock();
+    }
+    maybe_spin_guard(const maybe_spin_guard&) = delete;
+    maybe_spin_guard& operator=(const maybe_spin_guard&) = delete;
+
+private:
+    spin_lock& m_lock;
+    bool m_taken;
+};
+
 }  // namespace tarvex

@@ -109,10 +109,10 @@ void block_registry::prefetch(const void* p) const {
     if (slots != nullptr && capacity != 0) __builtin_prefetch(&slots[hash(addr) & (capacity - 1)], 1, 3);
 }
 
-void block_registry::insert(const block_info& bi) {
+void block_registry::insert(const block_info& bi, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(bi.m_addr);
     shard& s = shard_of(m_shards, addr);
-    spin_guard lock(s.mutex);
+    maybe_spin_guard guard(s.mutex, lock);
     if ((s.live + 1) * 8 > s.capacity * 7) grow(s);
     bool odd = bi.m_alloc_size != bi.m_size + k_footer_size || bi.m_size > UINT32_MAX || bi.m_free_uid != 0;
     if (odd) {
@@ -133,10 +133,10 @@ void block_registry::insert(const block_info& bi) {
     e = entry{addr | (odd ? k_odd : 0), uint32_t(bi.m_size), bi.m_alloc_uid};
 }
 
-bool block_registry::remove(void* p, block_info& out) {
+bool block_registry::remove(void* p, block_info& out, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    spin_guard lock(s.mutex);
+    maybe_spin_guard guard(s.mutex, lock);
     if (s.live == 0) return false;
     size_t i = probe(s, addr);
     const entry& e = s.slots[i];
@@ -148,10 +148,10 @@ bool block_registry::remove(void* p, block_info& out) {
     return true;
 }
 
-bool block_registry::find(void* p, block_info& out) {
+bool block_registry::find(void* p, block_info& out, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    spin_guard lock(s.mutex);
+    maybe_spin_guard guard(s.mutex, lock);
     if (s.live == 0) return false;
     const entry& e = s.slots[probe(s, addr)];
     if (e.key == k_empty) return false;
@@ -159,10 +159,10 @@ bool block_registry::find(void* p, block_info& out) {
     return true;
 }
 
-size_t block_registry::size() {
+size_t block_registry::size(bool lock) {
     size_t n = 0;
     for (shard& s : m_shards) {
-        spin_guard lock(s.mutex);
+        maybe_spin_guard guard(s.mutex, lock);
         n += s.live;
     }
     return n;

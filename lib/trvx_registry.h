@@ -32,15 +32,22 @@ public:
 
     // Registers bi under bi.m_addr, replacing a record of the same address.
     // Throws std::bad_alloc when the table cannot grow; nothing changes then.
-    void insert(const block_info& bi);
+    void insert(const block_info& bi) { insert(bi, true); }
     // Copies out and removes the record of addr; false if there is none.
-    bool remove(void* addr, block_info& out);
-    bool find(void* addr, block_info& out);
+    bool remove(void* addr, block_info& out) { return remove(addr, out, true); }
+    bool find(void* addr, block_info& out) { return find(addr, out, true); }
+    // The same without the shards' locks, for a caller that holds a lock of
+    // its own around every use of the registry (the counters' lock, while
+    // counting): one locked update per call instead of two.
+    void insert_held(const block_info& bi) { insert(bi, false); }
+    bool remove_held(void* addr, block_info& out) { return remove(addr, out, false); }
+    bool find_held(void* addr, block_info& out) { return find(addr, out, false); }
+    size_t size_held() { return size(false); }
     // Starts fetching the table line where addr's entry is or would go,
     // without taking the lock (a table that grows meanwhile only makes the
     // fetch useless), so that a later insert or remove finds it cached.
     void prefetch(const void* addr) const;
-    size_t size();
+    size_t size() { return size(true); }
     bool empty() { return size() == 0; }
 
     // fork: every shard's mutex is held across fork.
@@ -83,6 +90,10 @@ private:
     static void erase_slot(shard& s, size_t i);
     static void grow(shard& s);
     static void fill(const shard& s, const entry& e, block_info& out);
+    void insert(const block_info& bi, bool lock);
+    bool remove(void* addr, block_info& out, bool lock);
+    bool find(void* addr, block_info& out, bool lock);
+    size_t size(bool lock);
 
     shard m_shards[k_shards];
 };

@@ -154,7 +154,9 @@ void mem_stats::insert_block_info(tarvex::block_info& bi) {
 }
 
 // The registry entry and, when counting, the site's and the process's
-// counters, changed together under the counters' lock.
+// counters, changed together under the counters' lock. While counting, every
+// use of the registry holds that lock, which then stands for the shards'
+// (a process counts from its start or never).
 void mem_stats::insert_counted(const tarvex::block_info& bi, bool counting) {
     if (!counting) {
         m_block_info_map.insert(bi);
@@ -162,7 +164,7 @@ void mem_stats::insert_counted(const tarvex::block_info& bi, bool counting) {
     }
     spin_guard lock(m_counters_lock);
     uid_counter& c = m_uid_stats[bi.m_alloc_uid];
-    m_block_info_map.insert(bi);
+    m_block_info_map.insert_held(bi);
     c.first += 1;
     c.second += bi.m_size;
     m_total_count += 1;
@@ -203,7 +205,7 @@ void mem_stats::periodic_trigger(scoped_lock& lock) {
 bool mem_stats::find_and_remove_block_info(void* addr, tarvex::block_info& out) {
     if (!get_alloc_stat_on()) return m_block_info_map.remove(addr, out);
     spin_guard lock(m_counters_lock);
-    if (!m_block_info_map.remove(addr, out)) return false;
+    if (!m_block_info_map.remove_held(addr, out)) return false;
     auto c = m_uid_stats.find(out.m_alloc_uid);
     if (c != m_uid_stats.end() && c->second.first != 0) {
         c->second.first -= 1;
@@ -213,7 +215,11 @@ bool mem_stats::find_and_remove_block_info(void* addr, tarvex::block_info& out) 
     return true;
 }
 
-bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) { return m_block_info_map.find(addr, out); }
+bool mem_stats::find_block_info(void* addr, tarvex::block_info& out) {
+    if (!get_alloc_stat_on()) return m_block_info_map.find(addr, out);
+    spin_guard lock(m_counters_lock);
+    return m_block_info_map.find_held(addr, out);
+}
 
 // ---------------------------------------------------------------- quarantine
 
@@ -537,7 +543,11 @@ void mem_stats::unlock_after_fork(bool child) {
     if (child) __atomic_store_n(&g_report_in_progress, false, __ATOMIC_RELEASE);
 }
 
-size_t mem_stats::live_block_count() { return m_block_info_map.size(); }
+size_t mem_stats::live_block_count() {
+    if (!get_alloc_stat_on()) return m_block_info_map.size();
+    spin_guard lock(m_counters_lock);
+    return m_block_info_map.size_held();
+}
 
 uint64_t mem_stats::quarantine_bytes() { return m_delayed_free_queue.bytes(); }
 

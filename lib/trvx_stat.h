@@ -109,7 +109,9 @@ public:
     // Lock order: m_mutex, m_counters_lock, the quarantine's lanes, the
     // registry's shards; the symbol cache's mutex after all of them.
     // m_mutex guards the trace and the report times; m_counters_lock the
-    // per-site counters and the totals, for a few instructions at a time.
+    // per-site counters and the totals, for a few instructions at a time,
+    // and in a process that counts also the registry (whose shards' locks
+    // are then not taken).
     pthread_mutex_t m_mutex;
     spin_lock m_counters_lock;
     bool m_trace_on;

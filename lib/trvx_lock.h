@@ -92,29 +92,16 @@ private:
     int m_word = 0;
 };
 
+// Holds l for its scope; with take false, holds nothing (for a caller that
+// already excludes every other user by a lock of its own).
 class spin_guard {
 public:
-    explicit spin_guard(spin_lock& l) : m_lock(l), m_taken(l.lock()) {}
+    explicit spin_guard(spin_lock& l, bool take = true) : m_lock(l), m_taken(take && l.lock()) {}
     ~spin_guard() {
         if (m_taken) m_lock.unlock();
     }
     spin_guard(const spin_guard&) = delete;
     spin_guard& operator=(const spin_guard&) = delete;
-
-private:
-    spin_lock& m_lock;
-    bool m_taken;
-};
-
-// A spin_guard that takes its lock only when asked to.
-class maybe_spin_guard {
-public:
-    maybe_spin_guard(spin_lock& l, bool take) : m_lock(l), m_taken(take && l.lock()) {}
-    ~maybe_spin_guard() {
-        if (m_taken) m_lock.unlock();
-    }
-    maybe_spin_guard(const maybe_spin_guard&) = delete;
-    maybe_spin_guard& operator=(const maybe_spin_guard&) = delete;
 
 private:
     spin_lock& m_lock;

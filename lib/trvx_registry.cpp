@@ -112,7 +112,7 @@ void block_registry::prefetch(const void* p) const {
 void block_registry::insert(const block_info& bi, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(bi.m_addr);
     shard& s = shard_of(m_shards, addr);
-    maybe_spin_guard guard(s.mutex, lock);
+    spin_guard guard(s.mutex, lock);
     if ((s.live + 1) * 8 > s.capacity * 7) grow(s);
     bool odd = bi.m_alloc_size != bi.m_size + k_footer_size || bi.m_size > UINT32_MAX || bi.m_free_uid != 0;
     if (odd) {
@@ -136,7 +136,7 @@ void block_registry::insert(const block_info& bi, bool lock) {
 bool block_registry::remove(void* p, block_info& out, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    maybe_spin_guard guard(s.mutex, lock);
+    spin_guard guard(s.mutex, lock);
     if (s.live == 0) return false;
     size_t i = probe(s, addr);
     const entry& e = s.slots[i];
@@ -151,7 +151,7 @@ bool block_registry::remove(void* p, block_info& out, bool lock) {
 bool block_registry::find(void* p, block_info& out, bool lock) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(p);
     shard& s = shard_of(m_shards, addr);
-    maybe_spin_guard guard(s.mutex, lock);
+    spin_guard guard(s.mutex, lock);
     if (s.live == 0) return false;
     const entry& e = s.slots[probe(s, addr)];
     if (e.key == k_empty) return false;
@@ -162,7 +162,7 @@ bool block_registry::find(void* p, block_info& out, bool lock) {
 size_t block_registry::size(bool lock) {
     size_t n = 0;
     for (shard& s : m_shards) {
-        maybe_spin_guard guard(s.mutex, lock);
+        spin_guard guard(s.mutex, lock);
         n += s.live;
     }
     return n;

@@ -43,6 +43,7 @@ std::string result::describe() const {
         s << "exit status " << WEXITSTATUS(status);
     else if (WIFSIGNALED(status))
         s << "signal " << WTERMSIG(status) << " (" << strsignal(WTERMSIG(status)) << ")";
+    if (timed_out && !hang_report.empty()) s << "\n--- threads when it was killed ---\n" << hang_report.substr(0, 60000);
     s << "\n--- stdout (" << out.size() << " bytes) ---\n" << out.substr(0, 8000);
     s << "\n--- stderr (" << err.size() << " bytes) ---\n" << err.substr(0, 8000);
     return s.str();
@@ -75,6 +76,28 @@ int anonymous_file() {
     int fd = mkostemp(&path[0], O_CLOEXEC);
     if (fd >= 0) unlink(path.c_str());
     return fd;
+}
+
+// The state and kernel wait channel of every thread of pid, and its call
+// stacks from gdb when gdb can attach, so that a hang can be told apart
+// from a slow run and its locks seen.
+std::string describe_hang(pid_t pid) {
+    std::string report;
+    // The child and up to three more processes of its group (its own
+    // children), each thread as "tid state wait-channel system-call".
+    const std::string p = std::to_string(pid);
+    std::string cmd = "for p in $( (pgrep -g " + p + " || echo " + p + ") | head -4); do "
+                      "echo \"== process $p\"; "
+                      "(cd /proc/$p/task && for t in *; do echo \"$t $(cut -d' ' -f3 $t/stat) $(cat $t/wchan) "
+                      "$(cat $t/syscall)\"; done); "
+                      "command -v gdb >/dev/null && timeout 30 gdb -p $p -batch -nx -ex 'thread apply all bt' 2>&1 "
+                      "| grep -E '^(Thread|#)'; done 2>/dev/null";
+    if (FILE* f = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) report.append(buf, n);
+        pclose(f);
+    }
+    return report;
 }
 
 void append_file(int fd, std::string& out) {
@@ -161,6 +184,7 @@ result run(const std::vector<std::string>& argv_in, const options& opt) {
         if (now_s() > deadline) {
             if (ended) break;  // a stream held open outside the group
             r.timed_out = true;
+            r.hang_report = describe_hang(pid);
             kill(-pid, SIGKILL);
             waitpid(pid, &r.status, 0);
             ended = true;

@@ -39,6 +39,9 @@ struct result {
     std::string out, err, fd3;
     int status = 0;  // as waitpid reports it
     bool timed_out = false;
+    // For a child that timed out: what each of its threads was doing (states,
+    // kernel wait channels, and call stacks when gdb is installed).
+    std::string hang_report;
     bool start_failed = false;
 
     bool exited_ok() const;            // normal exit with status 0
